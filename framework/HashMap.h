@@ -1,0 +1,358 @@
+// HashMap<K, V>: the keyed collection behind every collection attribute.
+//
+// ORDER. Members are kept in the order of the bit-reversed hash of their key; members whose
+// reversed hashes are equal are ordered by the key's operator<. A member's bucket is
+// chosen by the leading bits of its reversed hash, and each bucket's chain is sorted, so
+// walking the buckets in index order visits the members in that global order. Doubling
+// the table splits every chain into a prefix (next bit 0) and a suffix (next bit 1) without
+// moving a node. Iteration order is therefore a function of the key set alone: not of the
+// order of insertion, not of the table's size. No caller may rely on any particular order.
+//
+// DELETION DURING ITERATION. An iterator pins the node it stands on. A pinned node that is
+// erased is only marked for deletion; iterators skip marked nodes, and the node is unlinked
+// when the last iterator leaves it. Erasing any member, the current one included, or
+// inserting (which may grow the table) during an iteration is safe.
+//
+// SHARED TABLES. The bucket table is reference counted: the map holds one reference and
+// every live iterator one more. clear() with iterators alive marks every node and hands
+// the map a fresh table; the iterators finish on the old one and see nothing further.
+//
+// Keys: Name, String, unsigned and other integers, and any type with a member
+// uint64_t hash() const plus == and < (SystemId, composite keys with a stored hash).
+//
+// TYPICAL USAGE:
+//   HashMap<Name, Ptr<Foo>> m;
+//   m.emplace(name, foo);
+//   if (Ptr<Foo>* f = m.find(name)) ...
+//   for (auto& [key, value] : m) ...
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <type_traits>
+#include <utility>
+
+namespace Vesk {
+
+inline uint64_t reverseBits(uint64_t x) noexcept {
+  x = __builtin_bswap64(x);
+  x = ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
+  x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
+  x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
+  return x;
+}
+
+// The framework's integer hash (a 64-bit finalizer).
+inline uint64_t hashInteger(uint64_t x) noexcept {
+  x ^= x >> 33;
+  x *= 0xff51afd7ed558ccdull;
+  x ^= x >> 33;
+  x *= 0xc4ceb9fe1a85ec53ull;
+  x ^= x >> 33;
+  return x;
+}
+
+template <class K, class = void>
+struct KeyHash {
+  static uint64_t hash(K const& k) noexcept { return k.hash(); }
+};
+template <class K>
+struct KeyHash<K, std::enable_if_t<std::is_integral_v<K> || std::is_enum_v<K>>> {
+  static uint64_t hash(K const& k) noexcept { return hashInteger(uint64_t(k)); }
+};
+
+// Built with VESK_PERTURB_HASH_ORDER, every key hash is scrambled, which changes every
+// iteration order: behaviour that still passes its tests does not depend on hash order.
+inline uint64_t orderHash(uint64_t h) noexcept {
+#ifdef VESK_PERTURB_HASH_ORDER
+  return reverseBits(h ^ 0x9e3779b97f4a7c15ull) ^ 0x5bd1e995u;
+#else
+  return h;
+#endif
+}
+
+template <class K, class V>
+class HashMap {
+  struct Node {
+    template <class... A>
+    Node(uint64_t r, K const& k, A&&... a) : rev(r), kv(k, V(std::forward<A>(a)...)) {}
+    Node* next = nullptr;
+    uint64_t rev;
+    uint32_t pins = 0;
+    bool deleted = false;
+    std::pair<K const, V> kv;
+  };
+
+  struct Table {
+    uint32_t refs = 1;
+    unsigned bits = 0;
+    size_t live = 0;
+    Node** buckets = nullptr;
+    size_t bucketCount() const { return size_t(1) << bits; }
+    size_t bucketOf(uint64_t rev) const { return bits ? size_t(rev >> (64 - bits)) : 0; }
+  };
+
+ public:
+  using value_type = std::pair<K const, V>;
+
+  class iterator {
+   public:
+    iterator() = default;
+    iterator(iterator const& o) : iterator(o.t_, o.n_) {}
+    iterator& operator=(iterator const& o) {
+      iterator(o).swap(*this);
+      return *this;
+    }
+    ~iterator() { drop(); }
+
+    value_type& operator*() const { return n_->kv; }
+    value_type* operator->() const { return &n_->kv; }
+    K const& key() const { return n_->kv.first; }
+    V& value() const { return n_->kv.second; }
+    bool operator==(iterator const& o) const { return n_ == o.n_; }
+    bool operator!=(iterator const& o) const { return n_ != o.n_; }
+    iterator& operator++() {
+      Node* next = HashMap::nextLive(t_, n_);
+      iterator(t_, next).swap(*this);
+      return *this;
+    }
+
+   private:
+    friend class HashMap;
+    iterator(Table* t, Node* n) : t_(n ? t : nullptr), n_(n) {
+      if (n_) {
+        ++t_->refs;
+        ++n_->pins;
+      }
+    }
+    void swap(iterator& o) {
+      std::swap(t_, o.t_);
+      std::swap(n_, o.n_);
+    }
+    void drop() {
+      if (!n_) return;
+      HashMap::unpin(t_, n_);
+      HashMap::release(t_);
+      n_ = nullptr;
+      t_ = nullptr;
+    }
+    Table* t_ = nullptr;
+    Node* n_ = nullptr;
+  };
+  using const_iterator = iterator;
+
+  HashMap() = default;
+  HashMap(HashMap const&) = delete;
+  HashMap& operator=(HashMap const&) = delete;
+  ~HashMap() { detach(); }
+
+  size_t size() const { return t_ ? t_->live : 0; }
+  bool empty() const { return size() == 0; }
+
+  iterator begin() const { return iterator(t_, t_ ? firstLive(t_, 0) : nullptr); }
+  iterator end() const { return iterator(); }
+
+  V* find(K const& k) {
+    Node* n = findNode(k);
+    return n ? &n->kv.second : nullptr;
+  }
+  V const* find(K const& k) const {
+    Node* n = findNode(k);
+    return n ? &n->kv.second : nullptr;
+  }
+  bool contains(K const& k) const { return findNode(k) != nullptr; }
+  iterator iteratorAt(K const& k) const { return iterator(t_, findNode(k)); }
+
+  // Inserts (k, V(args...)) unless k is present; returns the member and whether it is new.
+  template <class... A>
+  std::pair<V*, bool> emplace(K const& k, A&&... args) {
+    if (!t_) t_ = newTable(3);
+    uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
+    Node** link = &t_->buckets[t_->bucketOf(rev)];
+    for (Node* n = *link; n; n = *link) {
+      if (n->rev > rev || (n->rev == rev && k < n->kv.first)) break;
+      if (n->rev == rev && !(n->kv.first < k)) {
+        if (!n->deleted) return {&n->kv.second, false};
+        // A pinned, erased twin stays in place for its iterator; the new member goes after.
+      }
+      link = &n->next;
+    }
+    Node* node = new Node(rev, k, std::forward<A>(args)...);
+    node->next = *link;
+    *link = node;
+    ++t_->live;
+    if (t_->live > t_->bucketCount()) grow(t_);
+    return {&node->kv.second, true};
+  }
+
+  // Removes k; returns whether it was present. The value is destroyed after the node is
+  // unlinked, so its destructor may use the map.
+  bool erase(K const& k) {
+    if (!t_) return false;
+    uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
+    for (Node** link = &t_->buckets[t_->bucketOf(rev)]; Node* n = *link; link = &n->next) {
+      if (n->rev > rev) break;
+      if (n->rev != rev || n->deleted || !(n->kv.first == k)) continue;
+      --t_->live;
+      if (n->pins) {
+        n->deleted = true;
+      } else {
+        *link = n->next;
+        delete n;
+      }
+      return true;
+    }
+    return false;
+  }
+
+  void clear() {
+    if (!t_) return;
+    if (t_->refs > 1) {
+      detach();
+      return;
+    }
+    Node* all = unlinkAll(t_);
+    t_->live = 0;
+    destroyChain(all);
+  }
+
+ private:
+  Node* findNode(K const& k) const {
+    if (!t_) return nullptr;
+    uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
+    for (Node* n = t_->buckets[t_->bucketOf(rev)]; n; n = n->next) {
+      if (n->rev < rev) continue;
+      if (n->rev > rev) return nullptr;
+      if (!n->deleted && n->kv.first == k) return n;
+    }
+    return nullptr;
+  }
+
+  static Table* newTable(unsigned bits) {
+    Table* t = new Table;
+    t->bits = bits;
+    t->buckets = static_cast<Node**>(std::calloc(t->bucketCount(), sizeof(Node*)));
+    return t;
+  }
+
+  static void grow(Table* t) {
+    size_t const oldCount = t->bucketCount();
+    Node** next = static_cast<Node**>(std::calloc(oldCount * 2, sizeof(Node*)));
+    uint64_t const splitBit = uint64_t(1) << (63 - t->bits);
+    for (size_t i = 0; i < oldCount; ++i) {
+      Node* head = t->buckets[i];
+      Node* low = nullptr;
+      Node** lowTail = &low;
+      while (head && !(head->rev & splitBit)) {
+        *lowTail = head;
+        lowTail = &head->next;
+        head = head->next;
+      }
+      *lowTail = nullptr;
+      next[2 * i] = low;
+      next[2 * i + 1] = head;
+    }
+    std::free(t->buckets);
+    t->buckets = next;
+    ++t->bits;
+  }
+
+  static Node* firstLive(Table* t, size_t bucket) {
+    for (size_t b = bucket; b < t->bucketCount(); ++b) {
+      for (Node* n = t->buckets[b]; n; n = n->next) {
+        if (!n->deleted) return n;
+      }
+    }
+    return nullptr;
+  }
+
+  static Node* nextLive(Table* t, Node* from) {
+    for (Node* n = from->next; n; n = n->next) {
+      if (!n->deleted) return n;
+    }
+    return firstLive(t, t->bucketOf(from->rev) + 1);
+  }
+
+  static void unpin(Table* t, Node* n) {
+    if (--n->pins || !n->deleted) return;
+    if (!t->buckets) return;  // detached table: freed whole by release()
+    for (Node** link = &t->buckets[t->bucketOf(n->rev)]; *link; link = &(*link)->next) {
+      if (*link == n) {
+        *link = n->next;
+        delete n;
+        return;
+      }
+    }
+  }
+
+  static void release(Table* t) {
+    if (--t->refs) return;
+    destroyChain(unlinkAll(t));
+    std::free(t->buckets);
+    delete t;
+  }
+
+  // Marks every node of the map's table and lets the iterators that hold it finish.
+  void detach() {
+    if (!t_) return;
+    Table* t = t_;
+    t_ = nullptr;
+    if (t->refs == 1) {
+      release(t);
+      return;
+    }
+    for (size_t b = 0; b < t->bucketCount(); ++b) {
+      for (Node* n = t->buckets[b]; n; n = n->next) n->deleted = true;
+    }
+    t->live = 0;
+    // Unpinned nodes can go now; pinned ones are freed when the last iterator releases.
+    for (size_t b = 0; b < t->bucketCount(); ++b) {
+      Node* keep = nullptr;
+      Node** keepTail = &keep;
+      Node* drop = nullptr;
+      for (Node* n = t->buckets[b]; n;) {
+        Node* next = n->next;
+        if (n->pins) {
+          *keepTail = n;
+          keepTail = &n->next;
+        } else {
+          n->next = drop;
+          drop = n;
+        }
+        n = next;
+      }
+      *keepTail = nullptr;
+      t->buckets[b] = keep;
+      destroyChain(drop);
+    }
+    release(t);
+  }
+
+  static Node* unlinkAll(Table* t) {
+    Node* all = nullptr;
+    for (size_t b = 0; b < t->bucketCount(); ++b) {
+      Node* n = t->buckets[b];
+      t->buckets[b] = nullptr;
+      while (n) {
+        Node* next = n->next;
+        n->next = all;
+        all = n;
+        n = next;
+      }
+    }
+    return all;
+  }
+
+  static void destroyChain(Node* n) {
+    while (n) {
+      Node* next = n->next;
+      delete n;
+      n = next;
+    }
+  }
+
+  Table* t_ = nullptr;
+};
+
+}  // namespace Vesk

@@ -1,0 +1,87 @@
+#include "framework/Notifiee.h"
+
+#include <algorithm>
+
+namespace Vesk {
+
+void NotifieeList::newMember(NotifieeBase* n) {
+  members_.push_back(n);
+  ++live_;
+}
+
+void NotifieeList::deleteMember(NotifieeBase* n) {
+  auto it = std::find(members_.begin(), members_.end(), n);
+  if (it == members_.end()) return;
+  --live_;
+  if (depth_ > 0) {
+    *it = nullptr;
+    needsCompact_ = true;
+  } else {
+    members_.erase(it);
+  }
+}
+
+void NotifieeList::deleteAll() {
+  live_ = 0;
+  if (depth_ > 0) {
+    std::fill(members_.begin(), members_.end(), nullptr);
+    needsCompact_ = true;
+  } else {
+    members_.clear();
+  }
+}
+
+void NotifieeList::compact() {
+  members_.erase(std::remove(members_.begin(), members_.end(), nullptr), members_.end());
+  needsCompact_ = false;
+}
+
+NotifieeBase::~NotifieeBase() { notifierBaseIs(nullptr); }
+
+void NotifieeBase::notifierBaseIs(PtrInterface const* n) {
+  if (n == notifier_) {
+    if (n && !registered_) isRegisteredNotifieeIs(true);
+    return;
+  }
+  PtrInterface const* old = notifier_;
+  if (old) {
+    if (registered_) old->notifieeList().deleteMember(this);
+    registered_ = false;
+  }
+  notifier_ = n;
+  if (n && !weak_) n->newRef();
+  if (n) isRegisteredNotifieeIs(true);
+  // Dropping the old reference last: it may destroy the old notifier.
+  if (old && !weak_) old->deleteRef();
+}
+
+void NotifieeBase::isRegisteredNotifieeIs(bool b) {
+  if (b == registered_ || !notifier_) return;
+  registered_ = b;
+  if (b) {
+    notifier_->notifieeList().newMember(this);
+    onRegistered();
+  } else {
+    notifier_->notifieeList().deleteMember(this);
+  }
+}
+
+void NotifieeBase::isWeakReferenceIs(bool b) {
+  if (b == weak_) return;
+  weak_ = b;
+  if (!notifier_) return;
+  if (b) {
+    notifier_->deleteRef();
+  } else {
+    notifier_->newRef();
+  }
+}
+
+void NotifieeBase::onNotificationException() { throw; }
+
+void NotifieeBase::detachFromDyingNotifier() {
+  notifier_ = nullptr;
+  registered_ = false;
+}
+
+}  // namespace Vesk

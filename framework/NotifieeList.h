@@ -1,0 +1,72 @@
+// NotifieeList: the registered notifiees (reactors) of one notifier.
+//
+// TYPICAL USAGE (inside a generated mutator, after the new value is stored):
+//   notifieeList().doVisit<Foo::NotifieeConst>([&](auto* n) { n->onBar(); });
+//
+// A visit calls every member present when it starts, in list order. A handler may add or
+// remove members, and may start further visits on this or other notifiers (re-entrant,
+// depth-first). A member removed during a visit is only nulled out, and is not called
+// afterwards; the list is compacted when the outermost visit ends. Members added during a
+// visit are called from the next visit on.
+//
+// A handler that throws hands the exception to its notifiee's onNotificationException(),
+// which is called inside the catch block and may rethrow it.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace Vesk {
+
+class NotifieeBase;
+
+class NotifieeList {
+ public:
+  NotifieeList() = default;
+  NotifieeList(NotifieeList const&) = delete;
+  NotifieeList& operator=(NotifieeList const&) = delete;
+
+  bool empty() const { return live_ == 0; }
+  uint32_t members() const { return live_; }
+  NotifieeBase* member(uint32_t i) const { return members_[i]; }
+  uint32_t slots() const { return uint32_t(members_.size()); }
+
+  void newMember(NotifieeBase* n);
+  void deleteMember(NotifieeBase* n);
+  // Unbinds every member from this list (used when the notifier dies).
+  void deleteAll();
+
+  template <class N, class F>
+  void doVisit(F&& f) {
+    if (live_ == 0) return;
+    VisitGuard guard(*this);
+    uint32_t const end = uint32_t(members_.size());
+    for (uint32_t i = 0; i < end; ++i) {
+      NotifieeBase* raw = members_[i];
+      if (raw == nullptr) continue;
+      N* n = static_cast<N*>(raw);
+      try {
+        f(n);
+      } catch (...) {
+        n->onNotificationException();
+      }
+    }
+  }
+
+ private:
+  struct VisitGuard {
+    explicit VisitGuard(NotifieeList& l) : list(l) { ++list.depth_; }
+    ~VisitGuard() {
+      if (--list.depth_ == 0 && list.needsCompact_) list.compact();
+    }
+    NotifieeList& list;
+  };
+  void compact();
+
+  std::vector<NotifieeBase*> members_;
+  uint32_t live_ = 0;
+  uint16_t depth_ = 0;
+  bool needsCompact_ = false;
+};
+
+}  // namespace Vesk

@@ -1,0 +1,153 @@
+#include "framework/String.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <ostream>
+
+#include "framework/PtrInterface.h"
+
+namespace Vesk {
+namespace detail {
+
+struct StrRep {
+  std::atomic<uint32_t> refs;
+  uint32_t size;
+  uint64_t hash;
+  char data[1];
+};
+
+uint64_t hashBytes(char const* p, size_t n) noexcept {
+  // FNV-1a followed by a 64-bit finalizer, so that the low and high bits both mix.
+  uint64_t h = 0xcbf29ce484222325ull;
+  for (size_t i = 0; i < n; ++i) h = (h ^ uint8_t(p[i])) * 0x100000001b3ull;
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdull;
+  h ^= h >> 33;
+  return h;
+}
+
+namespace {
+
+StrRep* makeRep(char const* a, size_t an, char const* b = nullptr, size_t bn = 0) {
+  size_t n = an + bn;
+  if (n == 0) return nullptr;
+  auto* r = static_cast<StrRep*>(std::malloc(offsetof(StrRep, data) + n + 1));
+  if (!r) throw std::bad_alloc();
+  new (&r->refs) std::atomic<uint32_t>(1);
+  r->size = uint32_t(n);
+  std::memcpy(r->data, a, an);
+  if (bn) std::memcpy(r->data + an, b, bn);
+  r->data[n] = '\0';
+  r->hash = hashBytes(r->data, n);
+  return r;
+}
+
+void ref(StrRep* r) noexcept {
+  if (!r) return;
+  if (threadSafePointers_) {
+    r->refs.fetch_add(1, std::memory_order_relaxed);
+  } else {
+    r->refs.store(r->refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+}
+
+void unref(StrRep* r) noexcept {
+  if (!r) return;
+  uint32_t left;
+  if (threadSafePointers_) {
+    left = r->refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
+  } else {
+    left = r->refs.load(std::memory_order_relaxed) - 1;
+    r->refs.store(left, std::memory_order_relaxed);
+  }
+  if (left == 0) std::free(r);
+}
+
+}  // namespace
+}  // namespace detail
+
+String::String(char const* s) : String(s, s ? std::strlen(s) : 0) {}
+String::String(char const* s, size_t n) : rep_(detail::makeRep(s, n)) {}
+String::String(String const& o) noexcept : rep_(o.rep_) { detail::ref(rep_); }
+String::~String() { detail::unref(rep_); }
+
+String& String::operator=(String const& o) noexcept {
+  detail::ref(o.rep_);
+  detail::unref(rep_);
+  rep_ = o.rep_;
+  return *this;
+}
+
+String& String::operator=(String&& o) noexcept {
+  if (this != &o) {
+    detail::unref(rep_);
+    rep_ = o.rep_;
+    o.rep_ = nullptr;
+  }
+  return *this;
+}
+
+char const* String::charPtr() const noexcept { return rep_ ? rep_->data : ""; }
+std::string_view String::view() const noexcept {
+  return rep_ ? std::string_view(rep_->data, rep_->size) : std::string_view();
+}
+size_t String::size() const noexcept { return rep_ ? rep_->size : 0; }
+uint64_t String::hash() const noexcept { return rep_ ? rep_->hash : 0; }
+
+String String::substr(size_t start, size_t length) const {
+  std::string_view v = view();
+  if (start >= v.size()) return String();
+  return String(v.substr(start, length));
+}
+
+size_t String::pos(size_t start, char c) const noexcept {
+  size_t i = view().find(c, start);
+  return i == std::string_view::npos ? npos : i;
+}
+
+size_t String::lastPos(size_t start, String const& s) const noexcept {
+  size_t i = view().rfind(s.view(), start);
+  return i == std::string_view::npos ? npos : i;
+}
+
+bool String::endsWith(std::string_view suffix) const noexcept {
+  std::string_view v = view();
+  return v.size() >= suffix.size() && v.substr(v.size() - suffix.size()) == suffix;
+}
+
+String& String::operator+=(String const& o) { return *this = *this + o; }
+String& String::operator+=(char const* s) { return *this = *this + s; }
+
+String String::strep() const {
+  std::string out = "'";
+  for (char c : view()) {
+    if (c == '\'' || c == '\\') out += '\\';
+    out += c;
+  }
+  out += '\'';
+  return String(out);
+}
+
+namespace {
+String concat(std::string_view a, std::string_view b) {
+  String s;
+  if (a.empty() && b.empty()) return s;
+  std::string joined;
+  joined.reserve(a.size() + b.size());
+  joined.append(a).append(b);
+  return String(joined);
+}
+}  // namespace
+
+String operator+(String const& a, String const& b) {
+  if (b.empty()) return a;
+  if (a.empty()) return b;
+  return concat(a.view(), b.view());
+}
+String operator+(String const& a, char const* b) { return concat(a.view(), b ? b : ""); }
+String operator+(char const* a, String const& b) { return concat(a ? a : "", b.view()); }
+
+std::ostream& operator<<(std::ostream& os, String const& s) { return os << s.view(); }
+
+}  // namespace Vesk

@@ -1,0 +1,104 @@
+// String and Name: immutable, shared byte strings with value semantics.
+//
+// A String is a pointer to a reference-counted buffer that also holds the length and the
+// hash of the bytes, computed once at construction. Copies share the buffer. The empty
+// string has no buffer and hashes to 0. Name is the same representation used as a key
+// (entity names, collection keys); a Name converts to a String implicitly.
+//
+// pos() and lastPos() return String::npos when nothing is found.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+namespace Vesk {
+
+using Seconds = double;
+
+namespace detail {
+struct StrRep;
+uint64_t hashBytes(char const* p, size_t n) noexcept;
+}  // namespace detail
+
+class String {
+ public:
+  static constexpr size_t npos = size_t(-1);
+
+  String() noexcept = default;
+  String(char const* s);
+  String(char const* s, size_t n);
+  String(std::string const& s) : String(s.data(), s.size()) {}
+  explicit String(std::string_view s) : String(s.data(), s.size()) {}
+  String(String const& o) noexcept;
+  String(String&& o) noexcept : rep_(o.rep_) { o.rep_ = nullptr; }
+  ~String();
+  String& operator=(String const& o) noexcept;
+  String& operator=(String&& o) noexcept;
+
+  char const* charPtr() const noexcept;
+  std::string stdString() const { return std::string(view()); }
+  std::string_view view() const noexcept;
+  size_t size() const noexcept;
+  size_t length() const noexcept { return size(); }
+  bool empty() const noexcept { return rep_ == nullptr; }
+  uint64_t hash() const noexcept;
+
+  char const* begin() const noexcept { return charPtr(); }
+  char const* end() const noexcept { return charPtr() + size(); }
+  char operator[](size_t i) const noexcept { return charPtr()[i]; }
+
+  String substr(size_t start, size_t length = npos) const;
+  // First index of c at or after start.
+  size_t pos(size_t start, char c) const noexcept;
+  // Last index at or before start at which s begins.
+  size_t lastPos(size_t start, String const& s) const noexcept;
+  bool endsWith(std::string_view suffix) const noexcept;
+
+  String& operator+=(String const& o);
+  String& operator+=(char const* s);
+
+  // The quoted representation used in value string forms: 'text' with \ and ' escaped.
+  String strep() const;
+
+  friend bool operator==(String const& a, String const& b) noexcept {
+    if (a.rep_ == b.rep_) return true;
+    return a.hash() == b.hash() && a.view() == b.view();
+  }
+  friend bool operator!=(String const& a, String const& b) noexcept { return !(a == b); }
+  friend bool operator<(String const& a, String const& b) noexcept { return a.view() < b.view(); }
+  friend bool operator==(String const& a, char const* b) noexcept { return a.view() == b; }
+
+ private:
+  detail::StrRep* rep_ = nullptr;
+};
+
+String operator+(String const& a, String const& b);
+String operator+(String const& a, char const* b);
+String operator+(char const* a, String const& b);
+std::ostream& operator<<(std::ostream& os, String const& s);
+
+class Name : public String {
+ public:
+  using String::String;
+  Name() noexcept = default;
+  Name(String const& s) noexcept : String(s) {}
+};
+
+struct StringHash {
+  size_t operator()(String const& s) const noexcept { return size_t(s.hash()); }
+};
+
+}  // namespace Vesk
+
+template <>
+struct std::hash<Vesk::String> {
+  size_t operator()(Vesk::String const& s) const noexcept { return size_t(s.hash()); }
+};
+template <>
+struct std::hash<Vesk::Name> {
+  size_t operator()(Vesk::Name const& s) const noexcept { return size_t(s.hash()); }
+};

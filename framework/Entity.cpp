@@ -1,6 +1,7 @@
 #include "framework/Entity.h"
 
 #include <string>
+#include <vector>
 
 namespace Vesk {
 
@@ -11,10 +12,12 @@ String Entity::parentAttrName() const {
 }
 
 String Entity::fullName() const {
+  std::vector<Entity const*> chain;
+  for (Entity const* e = this; e; e = e->parent_) chain.push_back(e);
   std::string path;
-  for (Entity const* e = this; e; e = e->parent_) {
-    path.insert(0, e->name_.view());
-    path.insert(0, "/");
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+    path += '/';
+    path += (*it)->name_.view();
   }
   return String(path);
 }

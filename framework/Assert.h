@@ -10,7 +10,6 @@ namespace Vesk {
 [[noreturn]] void assertionFailed(char const* text, char const* file, int line);
 }
 
-#define VESK_ASSERT(expr) \
-  ((expr) ? void(0) : ::Vesk::assertionFailed(#expr, __FILE__, __LINE__))
+#define VESK_ASSERT(expr) ((expr) ? void(0) : ::Vesk::assertionFailed(#expr, __FILE__, __LINE__))
 #define VESK_ASSERT_MSG(expr, text) \
   ((expr) ? void(0) : ::Vesk::assertionFailed(text, __FILE__, __LINE__))

@@ -24,6 +24,12 @@ void throwEntityReinstantiation(String const& fullName, char const* attr, String
   throw ReinstantiationException(entityReinstantiationText(fullName, attr, newValue, oldValue));
 }
 
+void throwNameInUseReinstantiation(String const& fullName, char const* attr, String const& newValue,
+                                   String const& oldValue) {
+  throw NameInUseException(entityReinstantiationText(fullName, attr, newValue, oldValue) +
+                           " not allowed");
+}
+
 void throwPtrInterfaceReinstantiation(char const* param) {
   throw ReinstantiationException(ptrInterfaceReinstantiationText(param));
 }

@@ -44,6 +44,9 @@ String nullParameterText(char const* attr, char const* qualifiedType);
 
 [[noreturn]] void throwEntityReinstantiation(String const& fullName, char const* attr,
                                              String const& newValue, String const& oldValue);
+// The same text followed by " not allowed", as a name-in-use failure.
+[[noreturn]] void throwNameInUseReinstantiation(String const& fullName, char const* attr,
+                                                String const& newValue, String const& oldValue);
 [[noreturn]] void throwPtrInterfaceReinstantiation(char const* param);
 [[noreturn]] void throwNullParameter(char const* attr, char const* qualifiedType);
 [[noreturn]] void throwRangeException(char const* what);

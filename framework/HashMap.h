@@ -30,6 +30,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -76,7 +77,10 @@ template <class K, class V>
 class HashMap {
   struct Node {
     template <class... A>
-    Node(uint64_t r, K const& k, A&&... a) : rev(r), kv(k, V(std::forward<A>(a)...)) {}
+    Node(uint64_t r, K const& k, A&&... a)
+        : rev(r),
+          kv(std::piecewise_construct, std::forward_as_tuple(k),
+             std::forward_as_tuple(std::forward<A>(a)...)) {}
     Node* next = nullptr;
     uint64_t rev;
     uint32_t pins = 0;
@@ -276,7 +280,6 @@ class HashMap {
 
   static void unpin(Table* t, Node* n) {
     if (--n->pins || !n->deleted) return;
-    if (!t->buckets) return;  // detached table: freed whole by release()
     for (Node** link = &t->buckets[t->bucketOf(n->rev)]; *link; link = &(*link)->next) {
       if (*link == n) {
         *link = n->next;

@@ -54,6 +54,23 @@ class PtrInterface {
 
   NotifieeList& notifieeList() const { return notifiees_; }
 
+  // Calls f(N*) for every registered notifiee, unless notification is switched off. The
+  // object is kept alive for the visit, so a handler may drop the last outside reference.
+  template <class N, class F>
+  void notify(F&& f) const {
+    if (notifiees_.empty() || !(flags_ & kNotificationActive)) return;
+    if (references() == 0) {  // under construction or destruction: nothing to keep alive
+      notifiees_.doVisit<N>(f);
+      return;
+    }
+    newRef();
+    struct Release {
+      PtrInterface const* self;
+      ~Release() { self->deleteRef(); }
+    } release{this};
+    notifiees_.doVisit<N>(f);
+  }
+
   bool hasNotificationActive() const { return flags_ & kNotificationActive; }
   virtual void hasNotificationActiveIs(bool b) { flagIs(kNotificationActive, b); }
   bool zeroReferences() const { return flags_ & kZeroReferences; }

@@ -40,8 +40,8 @@ struct AttributeDescription {
   // Parses text and sets a settable scalar; false when the text does not parse.
   bool (*set)(Entity&, String const&) = nullptr;
   // Calls visit(keyText, valueText) for every member of a collection.
-  void (*forEach)(Entity const&, std::function<void(String const&, String const&)> const&) =
-      nullptr;
+  void (*forEach)(Entity const&,
+                  std::function<void(String const&, String const&)> const&) = nullptr;
   // The entity behind a reference (key ignored) or an entity collection's member.
   Ptr<Entity> (*member)(Entity const&, String const& key) = nullptr;
 };

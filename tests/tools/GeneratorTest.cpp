@@ -1,0 +1,198 @@
+// The generator's output for a small schema that uses every attribute kind.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <vector>
+
+#include "framework/Dir.h"
+#include "framework/TypeRegistry.h"
+#include "tests/tools/Sample.h"
+
+namespace Sample {
+namespace {
+
+struct Recorder : Shelf::NotifieeConst {
+  std::vector<std::string> calls;
+  void onLabel() override { calls.push_back("label"); }
+  void onCount() override { calls.push_back("count"); }
+  void onColour() override { calls.push_back("colour"); }
+  void onFavourite() override { calls.push_back("favourite"); }
+  void onTag(Vesk::String const& k) override { calls.push_back("tag:" + k.stdString()); }
+  void onTag() override { calls.push_back("tag*"); }
+  void onBook(Vesk::Name const& k) override { calls.push_back("book:" + k.stdString()); }
+};
+
+class GeneratedShelf : public ::testing::Test {
+ protected:
+  Vesk::Ptr<Shelf> shelf = shelfFactory("shelf");
+  Recorder recorder;
+  void SetUp() override {
+    recorder.notifierIs(shelf);
+    recorder.calls.clear();  // drop the immediate notifications of registration
+  }
+};
+
+TEST_F(GeneratedShelf, ScalarsNotifyOnlyOnAChangeOfValue) {
+  auto book = shelf->bookIs("b", "author", 10);
+  recorder.calls.clear();
+  shelf->labelIs("a");
+  shelf->labelIs("a");
+  shelf->countIs(3);
+  shelf->countIs(3);
+  shelf->colourIs(colourRed);
+  shelf->colourIs(colourRed);
+  shelf->quietIs(true);  // not notifying
+  shelf->favouriteIs(book);
+  shelf->favouriteIs(book);
+  shelf->favouriteIs(nullptr);
+  EXPECT_EQ(recorder.calls,
+            (std::vector<std::string>{"label", "count", "colour", "favourite", "favourite"}));
+  EXPECT_TRUE(shelf->quiet());
+}
+
+TEST_F(GeneratedShelf, CollectionMembersNotifyOnInsertAndChangeButNotWhenUnchanged) {
+  shelf->tagIs("x", true);
+  shelf->tagIs("x", true);
+  shelf->tagIs("x", false);
+  shelf->tagDel("absent");
+  shelf->tagDel("x");
+  EXPECT_EQ(recorder.calls, (std::vector<std::string>{"tag:x", "tag:x", "tag:x"}));
+  EXPECT_EQ(shelf->tagSize(), 0u);
+  shelf->tagIs("y", false);  // a new key with the default value still notifies
+  EXPECT_EQ(recorder.calls.back(), "tag:y");
+  EXPECT_FALSE(shelf->tag("y"));
+  EXPECT_EQ(shelf->tagSize(), 1u);
+}
+
+TEST_F(GeneratedShelf, RegistrationDeliversTheImmediateWholeCollectionNotifications) {
+  Recorder late;
+  late.notifierIs(shelf);
+  EXPECT_EQ(late.calls, (std::vector<std::string>{"tag*"}));
+}
+
+TEST_F(GeneratedShelf, OwnedMembersAreCreatedOnceAndDifferingParametersAreRefused) {
+  auto first = shelf->bookIs("b", "author", 10);
+  EXPECT_EQ(shelf->bookIs("b", "author", 10), first);
+  EXPECT_EQ(recorder.calls, (std::vector<std::string>{"book:b"}));
+  EXPECT_EQ(first->shelf(), shelf.ptr());
+  EXPECT_EQ(first->fullName(), "/shelf/b");
+  try {
+    shelf->bookIs("b", "other", 11);
+    FAIL();
+  } catch (Vesk::ReinstantiationException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "Reinstantiating the entity with fullName /shelf/b where constructor parameter "
+                 "attribute 'author' has a different value of other than the current value of "
+                 "author");
+  }
+  try {
+    shelf->bookIs("b", "author", 11);
+    FAIL();
+  } catch (Vesk::ReinstantiationException const& e) {
+    EXPECT_NE(std::string(e.what()).find("'pages' has a different value of 11 than the current "
+                                         "value of 10"),
+              std::string::npos);
+  }
+}
+
+TEST_F(GeneratedShelf, NameInUseCollectionsEndTheirFailureWithNotAllowed) {
+  shelf->rareIs("r", "a", 1);
+  try {
+    shelf->rareIs("r", "b", 1);
+    FAIL();
+  } catch (Vesk::NameInUseException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "Reinstantiating the entity with fullName /shelf/r where constructor parameter "
+                 "attribute 'author' has a different value of b than the current value of a not "
+                 "allowed");
+  }
+}
+
+TEST_F(GeneratedShelf, NonNullReferencesRefuseNull) {
+  try {
+    shelf->requiredIs(nullptr);
+    FAIL();
+  } catch (Vesk::NullParameterException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _required parameter to mutator for Sample::Shelf::required not "
+                 "allowed\"");
+  }
+}
+
+TEST_F(GeneratedShelf, DeletingTheOwnerReleasesItsMembersAndClearsTheirParent) {
+  long before = Vesk::liveObjects<Book>();
+  auto kept = shelf->bookIs("kept", "a", 1);
+  shelf->bookIs("dropped", "a", 1);
+  EXPECT_EQ(Vesk::liveObjects<Book>(), before + 2);
+  recorder.notifierIs(nullptr);
+  shelf = nullptr;
+  EXPECT_EQ(Vesk::liveObjects<Book>(), before + 1);
+  EXPECT_EQ(kept->shelf(), nullptr);
+  EXPECT_EQ(kept->fullName(), "/kept");
+}
+
+TEST_F(GeneratedShelf, DelAllNotifiesEveryKey) {
+  shelf->bookIs("a", "x", 1);
+  shelf->bookIs("b", "x", 1);
+  recorder.calls.clear();
+  shelf->bookDelAll();
+  EXPECT_EQ(recorder.calls.size(), 2u);
+  EXPECT_EQ(shelf->bookSize(), 0u);
+}
+
+TEST(GeneratedReflection, OwnAttributesAreNumberedFrom258InDeclarationOrder) {
+  auto shelf = shelfFactory("s");
+  auto const& type = shelf->veskType();
+  EXPECT_STREQ(type.name, "Sample::Shelf");
+  std::vector<std::pair<uint32_t, std::string>> ids;
+  for (auto const& a : type.attributes) ids.emplace_back(a.id, a.name);
+  ASSERT_EQ(ids.size(), 11u);
+  EXPECT_EQ(ids.front(), (std::pair<uint32_t, std::string>{258, "label"}));
+  EXPECT_EQ(ids[1], (std::pair<uint32_t, std::string>{259, "shelfName"}));
+  EXPECT_EQ(ids.back(), (std::pair<uint32_t, std::string>{268, "rare"}));
+  EXPECT_EQ(type.attribute("name")->id, 253u);
+  EXPECT_EQ(type.attribute(262)->name, std::string("quiet"));
+}
+
+TEST(GeneratedReflection, AttributesAreReadAndWrittenAsText) {
+  auto shelf = shelfFactory("s");
+  auto const& type = shelf->veskType();
+  EXPECT_TRUE(type.attribute("count")->set(*shelf, "42"));
+  EXPECT_FALSE(type.attribute("count")->set(*shelf, "forty"));
+  EXPECT_EQ(shelf->count(), 42u);
+  EXPECT_TRUE(type.attribute("colour")->set(*shelf, "colourRed"));
+  EXPECT_EQ(type.attribute("colour")->get(*shelf), "colourRed");
+  shelf->ratingIs(7, 70);
+  std::vector<std::string> rows;
+  type.attribute("rating")->forEach(*shelf, [&](Vesk::String const& k, Vesk::String const& v) {
+    rows.push_back(k.stdString() + "=" + v.stdString());
+  });
+  EXPECT_EQ(rows, (std::vector<std::string>{"7=70"}));
+  auto book = shelf->bookIs("b", "x", 1);
+  EXPECT_EQ(shelf->entity("book/b"), book);
+  EXPECT_EQ(type.attribute("shelfName")->get(*shelf), "s");
+}
+
+TEST(GeneratedEnum, ParsesAndPrintsItsStringForms) {
+  EXPECT_EQ(valueToStrep(colourRed), "colourRed");
+  EXPECT_EQ(ColourInstance(Vesk::String("colourRed")), colourRed);
+  EXPECT_EQ(ColourInstance(3u), colourRed);
+  EXPECT_THROW(ColourInstance(2u), Vesk::RangeException);
+  EXPECT_THROW(ColourInstance(Vesk::String("colourBlue")), Vesk::RangeException);
+  std::ostringstream os;
+  os << colourNone;
+  EXPECT_EQ(os.str(), "colourNone");
+}
+
+TEST(GeneratedFactory, RegisteredTypesAreCreatedByNameInADirectory) {
+  registerSampleTypes();
+  auto dir = Vesk::dirFactory("root");
+  auto e = dir->entryIs("made", "Sample::Shelf");
+  ASSERT_TRUE(e);
+  EXPECT_STREQ(e->veskTypeName(), "Sample::Shelf");
+  EXPECT_EQ(dir->entryIs("made", "Sample::Shelf"), e);
+  EXPECT_THROW(dir->entryIs("made", "Vesk::Dir"), Vesk::NameInUseException);
+}
+
+}  // namespace
+}  // namespace Sample

@@ -1,0 +1,173 @@
+#include "Schema.h"
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace vgen {
+
+namespace {
+
+struct LineReader {
+  std::string path;
+  int line = 0;
+  [[noreturn]] void fail(std::string const& msg) const {
+    throw std::runtime_error(path + ":" + std::to_string(line) + ": " + msg);
+  }
+};
+
+std::vector<std::string> tokens(std::string const& text) {
+  std::vector<std::string> out;
+  size_t i = 0;
+  while (i < text.size()) {
+    if (isspace(static_cast<unsigned char>(text[i]))) {
+      ++i;
+    } else if (text[i] == '"') {
+      size_t end = text.find('"', i + 1);
+      if (end == std::string::npos) end = text.size();
+      out.push_back(text.substr(i, end + 1 - i));
+      i = end + 1;
+    } else if (text[i] == '#') {
+      break;
+    } else {
+      size_t end = i;
+      while (end < text.size() && !isspace(static_cast<unsigned char>(text[end]))) ++end;
+      out.push_back(text.substr(i, end - i));
+      i = end;
+    }
+  }
+  return out;
+}
+
+std::string unquote(LineReader const& r, std::string const& t) {
+  if (t.size() < 2 || t.front() != '"' || t.back() != '"') r.fail("expected a quoted text");
+  return t.substr(1, t.size() - 2);
+}
+
+// "<name> : <type...> [flags]" from position 1; a type may be "@const X".
+Attr readAttr(LineReader const& r, AttrKind kind, std::vector<std::string> const& t) {
+  if (t.size() < 4 || t[2] != ":") r.fail("expected '" + t[0] + " <name> : <type>'");
+  Attr a;
+  a.kind = kind;
+  a.name = t[1];
+  a.line = r.line;
+  size_t i = 3;
+  auto readType = [&]() {
+    if (i >= t.size()) r.fail("missing type");
+    std::string type = t[i++];
+    if (type == "@const") {
+      if (i >= t.size()) r.fail("missing type after @const");
+      type += " " + t[i++];
+    }
+    return type;
+  };
+  std::string first = readType();
+  if (kind == AttrKind::collection || kind == AttrKind::owned) {
+    if (i >= t.size() || t[i] != "->") r.fail("expected '<key> -> <value>'");
+    ++i;
+    a.keyType = first;
+    a.type = readType();
+  } else {
+    a.type = first;
+  }
+  for (; i < t.size(); ++i) {
+    if (t[i] == "notify") {
+      a.notify = true;
+    } else if (t[i] == "nonnull") {
+      a.nonnull = true;
+    } else if (t[i] == "nameInUse") {
+      a.nameInUse = true;
+    } else {
+      r.fail("unknown flag '" + t[i] + "'");
+    }
+  }
+  return a;
+}
+
+}  // namespace
+
+Entity const* Schema::entity(std::string const& n) const {
+  for (auto const& e : entities) {
+    if (e.name == n || e.qualified() == n) return &e;
+  }
+  return nullptr;
+}
+
+bool Schema::isEnum(std::string const& type) const {
+  for (auto const& e : enums) {
+    if (e.name == type || e.qualified() == type) return true;
+  }
+  return false;
+}
+
+Schema parseSchema(std::string const& path) {
+  std::ifstream in(path);
+  if (!in) throw std::runtime_error(path + ": cannot open");
+  Schema s;
+  s.path = path;
+  LineReader r{path};
+  std::string ns;
+  Entity* entity = nullptr;
+  Enum* en = nullptr;
+  std::string text;
+  while (std::getline(in, text)) {
+    ++r.line;
+    std::vector<std::string> t = tokens(text);
+    if (t.empty()) continue;
+    std::string const& w = t[0];
+    if (w == "end") {
+      if (!entity && !en) r.fail("'end' outside a block");
+      entity = nullptr;
+      en = nullptr;
+    } else if (en) {
+      if (t.size() != 3 || t[1] != "=") r.fail("expected '<enumerator> = <number>'");
+      en->values.emplace_back(t[0], unsigned(std::stoul(t[2])));
+    } else if (entity) {
+      if (w == "key") {
+        entity->attrs.push_back(readAttr(r, AttrKind::key, t));
+      } else if (w == "param") {
+        entity->attrs.push_back(readAttr(r, AttrKind::param, t));
+      } else if (w == "attr") {
+        entity->attrs.push_back(readAttr(r, AttrKind::scalar, t));
+      } else if (w == "collection") {
+        entity->attrs.push_back(readAttr(r, AttrKind::collection, t));
+      } else if (w == "owned") {
+        entity->attrs.push_back(readAttr(r, AttrKind::owned, t));
+      } else if (w == "parent") {
+        entity->attrs.push_back(readAttr(r, AttrKind::parent, t));
+      } else if (w == "declare") {
+        if (t.size() != 2) r.fail("expected 'declare \"<declaration>\"'");
+        entity->declares.push_back(unquote(r, t[1]));
+      } else {
+        r.fail("unknown entity statement '" + w + "'");
+      }
+    } else if (w == "module" && t.size() == 2) {
+      s.module = t[1];
+    } else if (w == "namespace" && t.size() == 2) {
+      ns = t[1];
+    } else if (w == "include" && t.size() == 2) {
+      s.includes.push_back(unquote(r, t[1]));
+    } else if (w == "enum" && t.size() == 2) {
+      s.enums.push_back(Enum{t[1], ns, {}});
+      en = &s.enums.back();
+    } else if (w == "entity" && (t.size() == 2 || (t.size() == 3 && t[2] == "factory"))) {
+      s.entities.push_back(Entity{t[1], ns, t.size() == 3, {}, {}, r.line});
+      entity = &s.entities.back();
+    } else {
+      r.fail("unknown statement '" + text + "'");
+    }
+  }
+  if (entity || en) r.fail("missing 'end'");
+  if (s.module.empty()) r.fail("missing 'module'");
+  for (auto const& e : s.entities) {
+    int keys = 0;
+    for (auto const& a : e.attrs) keys += a.kind == AttrKind::key;
+    if (keys != 1) {
+      r.line = e.line;
+      r.fail("entity " + e.name + " needs exactly one key");
+    }
+  }
+  return s;
+}
+
+}  // namespace vgen

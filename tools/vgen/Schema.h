@@ -1,0 +1,81 @@
+// The schema of one model module, as read from its schema file.
+//
+// A schema is line oriented; '#' starts a comment. Statements:
+//
+//   module <Name>                   base name of the generated files
+//   namespace <a::b>                namespace of the enums and entities that follow
+//   include "<path>"                an include of the generated header
+//   enum <Name>                     an enumeration stored as an unsigned 32-bit value,
+//     <enumerator> = <number>       one line per value, up to "end"
+//   end
+//   entity <Name> [factory]         an entity type; "factory" makes it creatable by name in
+//                                   a directory (<name>Factory(Name) and the type registry)
+//     key <attr> : <Type>           the key; the entity's name is its text form
+//     param <attr> : <Type>         immutable constructor parameter
+//     attr <attr> : <Type> [notify] [nonnull]
+//                                   settable scalar or reference
+//     collection <attr> : <Key> -> <Value> [notify]
+//                                   keyed collection of scalars or values
+//     owned <attr> : <Key> -> <Entity> [notify] [nameInUse]
+//                                   keyed collection of owned entities; nameInUse makes a
+//                                   differing re-creation a name-in-use failure ending in
+//                                   " not allowed"
+//     parent <attr> : <Entity>      back pointer to the owning entity (not owning)
+//     declare "<declaration>"       a hand-written member, defined in ordinary source
+//   end
+//
+// Types: String, Name, bool, u32, u64, Seconds; @T for a pointer to an entity, @const T for
+// a pointer to a const entity; any other name (an enumeration of this schema, or a value
+// type from an included header) is used as it is.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vgen {
+
+enum class AttrKind { key, param, scalar, collection, owned, parent };
+
+struct Attr {
+  AttrKind kind;
+  std::string name;
+  std::string type;     // the value type as written (for collections: the value)
+  std::string keyType;  // collections only
+  bool notify = false;
+  bool nonnull = false;
+  bool nameInUse = false;
+  int line = 0;
+};
+
+struct Entity {
+  std::string name;
+  std::string ns;
+  bool factory = false;
+  std::vector<Attr> attrs;
+  std::vector<std::string> declares;
+  int line = 0;
+  std::string qualified() const { return ns.empty() ? name : ns + "::" + name; }
+};
+
+struct Enum {
+  std::string name;
+  std::string ns;
+  std::vector<std::pair<std::string, unsigned>> values;
+  std::string qualified() const { return ns.empty() ? name : ns + "::" + name; }
+};
+
+struct Schema {
+  std::string module;
+  std::string path;
+  std::vector<std::string> includes;
+  std::vector<Enum> enums;
+  std::vector<Entity> entities;
+
+  Entity const* entity(std::string const& nameOrQualified) const;
+  bool isEnum(std::string const& type) const;
+};
+
+// Reads a schema; throws std::runtime_error with "file:line: message" on a malformed one.
+Schema parseSchema(std::string const& path);
+
+}  // namespace vgen

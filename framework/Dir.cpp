@@ -24,7 +24,7 @@ AttributeDescription const kDirAttributes[] = {
 
 Ptr<Dir> dirFactory(Name const& name) { return Ptr<Dir>(new Dir(name)); }
 
-TypeDescription const& Dir::veskType() const {
+TypeDescription const& Dir::veskTypeDescription() const {
   static TypeDescription const type{typeName, kDirAttributes};
   return type;
 }

@@ -38,7 +38,7 @@ class Dir : public Entity {
   Ptr<Entity> entryIs(Name const& name, String const& typeName);
   Ptr<Dir> subdirIs(Name const& name);
 
-  TypeDescription const& veskType() const override;
+  TypeDescription const& veskTypeDescription() const override;
 
   class NotifieeConst : public BaseNotifiee<Dir const> {
    public:

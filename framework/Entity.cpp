@@ -7,7 +7,7 @@ namespace Vesk {
 
 String Entity::parentAttrName() const {
   if (!parent_) return String();
-  AttributeDescription const* a = parent_->veskType().attribute(parentAttrId_);
+  AttributeDescription const* a = parent_->veskTypeDescription().attribute(parentAttrId_);
   return a ? String(a->name) : String();
 }
 
@@ -51,7 +51,7 @@ std::string_view nextComponent(std::string_view& rest) {
 
 Ptr<Entity> Entity::step(std::string_view component, std::string_view& rest) const {
   if (Ptr<Entity> e = namedEntry(Name(String(component)))) return e;
-  AttributeDescription const* a = veskType().attribute(component);
+  AttributeDescription const* a = veskTypeDescription().attribute(component);
   if (!a || !a->member) return nullptr;
   if (a->kind == AttributeKind::reference) return a->member(*this, String());
   if (a->kind != AttributeKind::entityCollection) return nullptr;
@@ -70,7 +70,7 @@ Ptr<Entity> Entity::entity(String const& path) const {
   return cur;
 }
 
-TypeDescription const& Entity::veskType() const {
+TypeDescription const& Entity::veskTypeDescription() const {
   static TypeDescription const type{"Vesk::Entity", commonAttributes()};
   return type;
 }

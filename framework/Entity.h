@@ -34,8 +34,8 @@ class Entity : public PtrInterface {
   // Resolves a "/"-separated path below this entity; null when any step is missing.
   Ptr<Entity> entity(String const& path) const;
 
-  virtual TypeDescription const& veskType() const;
-  char const* veskTypeName() const { return veskType().name; }
+  virtual TypeDescription const& veskTypeDescription() const;
+  char const* veskTypeName() const { return veskTypeDescription().name; }
 
  protected:
   explicit Entity(Name const& name) : name_(name) {}

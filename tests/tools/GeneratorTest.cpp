@@ -142,7 +142,7 @@ TEST_F(GeneratedShelf, DelAllNotifiesEveryKey) {
 
 TEST(GeneratedReflection, OwnAttributesAreNumberedFrom258InDeclarationOrder) {
   auto shelf = shelfFactory("s");
-  auto const& type = shelf->veskType();
+  auto const& type = shelf->veskTypeDescription();
   EXPECT_STREQ(type.name, "Sample::Shelf");
   std::vector<std::pair<uint32_t, std::string>> ids;
   for (auto const& a : type.attributes) ids.emplace_back(a.id, a.name);
@@ -156,7 +156,7 @@ TEST(GeneratedReflection, OwnAttributesAreNumberedFrom258InDeclarationOrder) {
 
 TEST(GeneratedReflection, AttributesAreReadAndWrittenAsText) {
   auto shelf = shelfFactory("s");
-  auto const& type = shelf->veskType();
+  auto const& type = shelf->veskTypeDescription();
   EXPECT_TRUE(type.attribute("count")->set(*shelf, "42"));
   EXPECT_FALSE(type.attribute("count")->set(*shelf, "forty"));
   EXPECT_EQ(shelf->count(), 42u);

@@ -74,7 +74,7 @@ TypeInfo typeInfo(Schema const& s, std::string const& t) {
 }
 
 struct Sections {
-  std::string decl, members, inlineDefs, cppDefs, handlers, immediate, reflection;
+  std::string decl, privateDecl, members, inlineDefs, cppDefs, handlers, immediate, reflection;
   std::string ctorParams, ctorInit, newArgs;
 };
 
@@ -110,7 +110,9 @@ void emitKey(Context const& c, Sections& out) {
   bool nameKey = c.attr.type == "Name";
   Vars v = c.vars;
   if (nameKey) {
-    out.decl += fill("  Vesk::Name const& {{a}}() const { return name(); }\n", v);
+    if (c.attr.name != "name") {  // Entity::name() already reads it
+      out.decl += fill("  Vesk::Name const& {{a}}() const { return name(); }\n", v);
+    }
     out.ctorInit += "Vesk::Entity(key)";
   } else {
     out.decl += fill("  {{V}} const& {{a}}() const { return {{a}}_; }\n", v);
@@ -156,6 +158,11 @@ void emitScalar(Context const& c, Sections& out) {
       "  void {{a}}Is({{V}} const& v);\n",
       v);
   out.members += fill("  {{V}} {{a}}_{};\n", v);
+  if (c.attr.ctor) {
+    out.ctorParams += fill(", {{V}} const& {{a}}", v);
+    out.ctorInit += fill(", {{a}}_({{a}})", v);
+    out.newArgs += ", " + c.attr.name;
+  }
   out.inlineDefs += fill(R"(inline void {{T}}::{{a}}Is({{V}} const& v) {
 {{NULLCHECK}}  if ({{a}}_ == v) return;
   {{a}}_ = v;
@@ -327,15 +334,24 @@ void emitOwned(Context const& c, Sections& out) {
       "  }\n"
       "  Vesk::Ptr<{{M}}> {{a}}Is({{K}} const& k{{PARAMS}});\n",
       v);
+  out.privateDecl += fill(
+      "  // Creates and inserts a member without announcing it; the caller notifies.\n"
+      "  Vesk::Ptr<{{M}}> {{a}}New({{K}} const& k{{PARAMS}});\n",
+      v);
   out.cppDefs += fill(R"(Vesk::Ptr<{{M}}> {{QT}}::{{a}}Is({{K}} const& k{{PARAMS}}) {
   if (Vesk::Owned<{{M}}> const* held = {{a}}_.find(k)) {
     [[maybe_unused]] {{M}} const& existing = *held->ptr();
     [[maybe_unused]] auto reinstantiationFailed = {{FAIL}};
 {{CHECKS}}    return held->ptr();
   }
+  Vesk::Ptr<{{M}}> created = {{a}}New(k{{ARGS}});
+  {{a}}Notify(k);
+  return created;
+}
+
+Vesk::Ptr<{{M}}> {{QT}}::{{a}}New({{K}} const& k{{PARAMS}}) {
   Vesk::Ptr<{{M}}> created(new {{M}}(k{{ARGS}}));
   {{a}}_.emplace(k, created, this, {{ID}});
-  {{a}}Notify(k);
   return created;
 }
 
@@ -394,6 +410,7 @@ EntityText emitEntity(Schema const& s, Entity const& e) {
     }
     all.decl += one.decl;
     all.members += one.members;
+    all.privateDecl += one.privateDecl;
     all.inlineDefs += one.inlineDefs;
     all.cppDefs += one.cppDefs;
     all.handlers += one.handlers;
@@ -407,18 +424,26 @@ EntityText emitEntity(Schema const& s, Entity const& e) {
   Vars v{{"T", e.name}, {"QT", e.qualified()}, {"t", lowerFirst(e.name)}};
   v["DECL"] = all.decl;
   v["MEMBERS"] = all.members;
+  v["PRIVATE"] = all.privateDecl;
   v["HANDLERS"] = all.handlers;
   v["IMMEDIATE"] = all.immediate.empty()
                        ? ""
                        : "    void onRegistered() override {\n" + all.immediate + "    }\n";
   std::string declares;
   for (auto const& d : e.declares) declares += "  " + d + "\n";
+  std::string handMembers;
+  for (auto const& m : e.members) handMembers += "  " + m + "\n";
+  v["HANDMEMBERS"] = handMembers;
   v["DECLARES"] = declares.empty() ? "" : "\n  // Hand-written behaviour.\n" + declares;
   v["CTOR_PARAMS"] = all.ctorParams;
   v["CTOR_INIT"] = all.ctorInit;
   v["FACTORY"] =
       e.factory ? fill("\nVesk::Ptr<{{T}}> {{t}}Factory(Vesk::Name const& name);\n", v) : "";
   v["NS"] = e.ns;
+  v["DTOR_DECL"] = e.hooks ? fill("  ~{{T}}() override;\n", v) : "";
+  v["CTOR_BODY"] = e.hooks ? "{ veskConstructed(); }" : "{}";
+  v["DTOR_DEF"] = e.hooks ? fill("\n{{T}}::~{{T}}() { veskDestroyed(); }\n", v) : "";
+  v["HOOKS"] = e.hooks ? "  void veskConstructed();\n  void veskDestroyed();\n" : "";
 
   EntityText out;
   out.header = fill(R"(namespace {{NS}} {
@@ -428,9 +453,9 @@ class {{T}} : public Vesk::Entity {
   static constexpr char const* typeName = "{{QT}}";
 
   explicit {{T}}({{CTOR_PARAMS}});
-
+{{DTOR_DECL}}
 {{DECL}}
-  Vesk::TypeDescription const& veskType() const override;
+  Vesk::TypeDescription const& veskTypeDescription() const override;
 
   class NotifieeConst : public Vesk::BaseNotifiee<{{T}} const> {
    public:
@@ -443,7 +468,7 @@ class {{T}} : public Vesk::Entity {
   };
 {{DECLARES}}
  private:
-{{MEMBERS}}  [[no_unique_address]] Vesk::LiveCount<{{T}}> liveCount_;
+{{HOOKS}}{{PRIVATE}}{{MEMBERS}}{{HANDMEMBERS}}  [[no_unique_address]] Vesk::LiveCount<{{T}}> liveCount_;
 };
 {{FACTORY}}
 }  // namespace {{NS}}
@@ -462,14 +487,14 @@ class {{T}} : public Vesk::Entity {
                               : "";
   out.source = fill(R"(namespace {{NS}} {
 
-{{T}}::{{T}}({{CTOR_PARAMS}}) : {{CTOR_INIT}} {}
-
+{{T}}::{{T}}({{CTOR_PARAMS}}) : {{CTOR_INIT}} {{CTOR_BODY}}
+{{DTOR_DEF}}
 namespace {
 Vesk::AttributeDescription const {{t}}Attributes[] = {
 {{REFLECTION}}};
 }  // namespace
 
-Vesk::TypeDescription const& {{T}}::veskType() const {
+Vesk::TypeDescription const& {{T}}::veskTypeDescription() const {
   static Vesk::TypeDescription const type{typeName, {{t}}Attributes};
   return type;
 }

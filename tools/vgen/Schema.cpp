@@ -75,6 +75,8 @@ Attr readAttr(LineReader const& r, AttrKind kind, std::vector<std::string> const
       a.notify = true;
     } else if (t[i] == "nonnull") {
       a.nonnull = true;
+    } else if (t[i] == "ctor") {
+      a.ctor = true;
     } else if (t[i] == "nameInUse") {
       a.nameInUse = true;
     } else {
@@ -138,6 +140,9 @@ Schema parseSchema(std::string const& path) {
       } else if (w == "declare") {
         if (t.size() != 2) r.fail("expected 'declare \"<declaration>\"'");
         entity->declares.push_back(unquote(r, t[1]));
+      } else if (w == "member") {
+        if (t.size() != 2) r.fail("expected 'member \"<declaration>\"'");
+        entity->members.push_back(unquote(r, t[1]));
       } else {
         r.fail("unknown entity statement '" + w + "'");
       }
@@ -150,9 +155,22 @@ Schema parseSchema(std::string const& path) {
     } else if (w == "enum" && t.size() == 2) {
       s.enums.push_back(Enum{t[1], ns, {}});
       en = &s.enums.back();
-    } else if (w == "entity" && (t.size() == 2 || (t.size() == 3 && t[2] == "factory"))) {
-      s.entities.push_back(Entity{t[1], ns, t.size() == 3, {}, {}, r.line});
+    } else if (w == "entity" && t.size() >= 2) {
+      Entity fresh;
+      fresh.name = t[1];
+      fresh.ns = ns;
+      s.entities.push_back(fresh);
       entity = &s.entities.back();
+      entity->line = r.line;
+      for (size_t i = 2; i < t.size(); ++i) {
+        if (t[i] == "factory") {
+          entity->factory = true;
+        } else if (t[i] == "hooks") {
+          entity->hooks = true;
+        } else {
+          r.fail("unknown entity flag '" + t[i] + "'");
+        }
+      }
     } else {
       r.fail("unknown statement '" + text + "'");
     }

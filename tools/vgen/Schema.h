@@ -8,8 +8,11 @@
 //   enum <Name>                     an enumeration stored as an unsigned 32-bit value,
 //     <enumerator> = <number>       one line per value, up to "end"
 //   end
-//   entity <Name> [factory]         an entity type; "factory" makes it creatable by name in
-//                                   a directory (<name>Factory(Name) and the type registry)
+//   entity <Name> [factory] [hooks] an entity type; "factory" makes it creatable by name in
+//                                   a directory (<name>Factory(Name) and the type registry);
+//                                   "hooks" has the constructor end with veskConstructed()
+//                                   and the destructor begin with veskDestroyed(), both
+//                                   hand-written
 //     key <attr> : <Type>           the key; the entity's name is its text form
 //     param <attr> : <Type>         immutable constructor parameter
 //     attr <attr> : <Type> [notify] [nonnull]
@@ -21,7 +24,8 @@
 //                                   differing re-creation a name-in-use failure ending in
 //                                   " not allowed"
 //     parent <attr> : <Entity>      back pointer to the owning entity (not owning)
-//     declare "<declaration>"       a hand-written member, defined in ordinary source
+//     declare "<declaration>"       a hand-written public member, defined in ordinary source
+//     member "<declaration>"        a private data member that hand-written members use
 //   end
 //
 // Types: String, Name, bool, u32, u64, Seconds; @T for a pointer to an entity, @const T for
@@ -44,6 +48,7 @@ struct Attr {
   bool notify = false;
   bool nonnull = false;
   bool nameInUse = false;
+  bool ctor = false;
   int line = 0;
 };
 
@@ -51,8 +56,10 @@ struct Entity {
   std::string name;
   std::string ns;
   bool factory = false;
+  bool hooks = false;
   std::vector<Attr> attrs;
   std::vector<std::string> declares;
+  std::vector<std::string> members;
   int line = 0;
   std::string qualified() const { return ns.empty() ? name : ns + "::" + name; }
 };

@@ -1,0 +1,532 @@
+#include "registry/MountsRegistryEntrySm.h"
+
+#include "framework/Assert.h"
+#include "framework/Trace.h"
+#include "registry/MounterConfigSm.h"
+#include "registry/MountsRegistrySm.h"
+
+namespace Controller {
+
+namespace {
+Vesk::TraceHandle traceHandle("MountsRegistryEntrySm", true);
+
+constexpr uint32_t kNoRetryLimit = 0xFFFFFFFF;
+constexpr uint32_t kNoMountTimeout = 0x7FFFFFFF;
+
+Vesk::String serviceOf(Mounter const& mounter) { return mounter.mounterName().serviceName(); }
+Vesk::String groupOf(Mounter const& mounter) { return mounter.mounterName().groupName(); }
+
+// "a" + "/" + "b", without doubling a separator that either side already has.
+Vesk::String joinPath(Vesk::String const& a, Vesk::String const& b) {
+  bool aSlash = a.endsWith("/");
+  bool bSlash = !b.empty() && b[0] == '/';
+  if (aSlash && bSlash) return a + b.substr(1);
+  if (aSlash || bSlash) return a + b;
+  return a + "/" + b;
+}
+}  // namespace
+
+class MountsRegistryEntrySm::EntryReactor : public MountsRegistryEntry::NotifieeConst {
+ public:
+  explicit EntryReactor(MountsRegistryEntrySm* sm) : sm_(sm) {}
+  void onMounter(Vesk::String const& key) override { sm_->handleMounter(key); }
+  void onMounter() override { sm_->handleMounter(); }
+
+ private:
+  MountsRegistryEntrySm* sm_;
+};
+
+// Follows one mount machine's data record and remembers the state it last saw. A move from
+// a non-zero state to 0 ends the mount: machine, data and this reactor are deleted.
+class MountsRegistryEntrySm::MountStateReactor
+    : public Vesk::Reactor<MountSmData::NotifieeConst, MountsRegistryEntrySm> {
+ public:
+  static constexpr std::array<char const*, 2> inputNames{"mountSmData", "mountsRegistryEntrySm"};
+  MountStateReactor(Vesk::Ptr<MountSmData> const& data, MountsRegistryEntrySm* owner)
+      : Reactor(owner), data_(data), oldState_(data->mountState()) {
+    notifierIs(data);
+  }
+  auto inputs() const { return std::tie(data_, owner_); }
+  MountsRegistryEntrySm* mountsRegistryEntrySm() const { return owner_; }
+
+  void onMountState() override {
+    Vesk::Ptr<MountStateReactor> self(this);  // deleting the mount deletes this reactor
+    SystemId const connectionId = data_->systemId();
+    MountState const oldState = oldState_;
+    MountState const newState = data_->mountState();
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", " connection:",
+               connectionId.stringValue(), " oldMountState:", oldState,
+               " newMountState:", newState);
+    owner_->updateMountersStatus(connectionId, newState);
+    if (oldState == mountStateNotMounted || newState != mountStateNotMounted) {
+      oldState_ = newState;
+      return;
+    }
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState",
+               ": Deleting mountSm for ", connectionId.stringValue());
+    VESK_ASSERT(mountsRegistryEntrySm()->mountSm( connectionId ));
+    owner_->mountSmDel(connectionId);
+  }
+
+ private:
+  Vesk::Ptr<MountSmData> const data_;
+  MountState oldState_;
+  [[no_unique_address]] Vesk::LiveCount<MountStateReactor> liveCount_;
+};
+
+MountsRegistryEntrySm::MountsRegistryEntrySm(Vesk::Ptr<MountsRegistryEntry> const& registryEntry,
+                                             Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+                                             Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
+                                             MountsRegistrySm* mountsRegistrySm)
+    : registryEntry_(registryEntry),
+      oobStatus_(oobStatus),
+      serviceMountStatusDir_(serviceMountStatusDir),
+      mountsRegistrySm_(mountsRegistrySm),
+      mounterConfigSm_(typeName, "mounterConfigSm"),
+      mountSmDataSm_(typeName, "mountSmDataSm") {
+  entryReactor_ = std::make_unique<EntryReactor>(this);
+  entryReactor_->notifierIs(registryEntry_);
+  handleInitialized();
+}
+
+MountsRegistryEntrySm::~MountsRegistryEntrySm() = default;
+
+Vesk::Ptr<MountsRegistryEntrySm> mountsRegistryEntrySmFactory(
+    Vesk::Ptr<MountsRegistryEntry> const& registryEntry,
+    Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+    Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir, MountsRegistrySm* mountsRegistrySm) {
+  return Vesk::Ptr<MountsRegistryEntrySm>(
+      new MountsRegistryEntrySm(registryEntry, oobStatus, serviceMountStatusDir, mountsRegistrySm));
+}
+
+// ---- the union filters ------------------------------------------------------------------
+
+uint32_t MountsRegistryEntrySm::connectionFilter(Vesk::String const& connection) const {
+  uint32_t const* count = connectionFilter_.find(connection);
+  return count ? *count : 0;
+}
+
+void MountsRegistryEntrySm::connectionFilterIs(Vesk::String const& connection, uint32_t count) {
+  auto [held, isNew] = connectionFilter_.emplace(connection, count);
+  if (!isNew) *held = count;
+}
+
+void MountsRegistryEntrySm::connectionFilterDel(Vesk::String const& connection) {
+  connectionFilter_.erase(connection);
+}
+
+Vesk::Ptr<ServiceVersionFilter> MountsRegistryEntrySm::versionFilter(
+    Vesk::Name const& service) const {
+  Vesk::Ptr<ServiceVersionFilter> const* filter = versionFilter_.find(service);
+  return filter ? *filter : nullptr;
+}
+
+Vesk::Ptr<ServiceVersionFilter> MountsRegistryEntrySm::versionFilterIs(Vesk::Name const& service) {
+  if (Vesk::Ptr<ServiceVersionFilter> filter = versionFilter(service)) return filter;
+  Vesk::Ptr<ServiceVersionFilter> created(new ServiceVersionFilter(service));
+  versionFilter_.emplace(service, created);
+  return created;
+}
+
+void MountsRegistryEntrySm::versionFilterDel(Vesk::Name const& service) {
+  versionFilter_.erase(service);
+}
+
+Vesk::Ptr<MountSm> MountsRegistryEntrySm::mountSm(SystemId const& systemId) const {
+  Vesk::Ptr<MountSm> const* sm = mountSm_.find(systemId);
+  return sm ? *sm : nullptr;
+}
+
+Vesk::Ptr<MountSmData> MountsRegistryEntrySm::mountSmData(SystemId const& systemId) const {
+  Vesk::Ptr<MountSmData> const* data = mountSmData_.find(systemId);
+  return data ? *data : nullptr;
+}
+
+Vesk::Ptr<MounterConfigSm> MountsRegistryEntrySm::mounterConfigSm(
+    Vesk::String const& service) const {
+  return mounterConfigSm_(service);
+}
+
+Vesk::Ptr<PeerTable const> MountsRegistryEntrySm::peerTable() const {
+  return mountsRegistrySm_->peerTable();
+}
+
+// ---- mounters ---------------------------------------------------------------------------
+
+void MountsRegistryEntrySm::handleMounter(Vesk::String const& serviceKey) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter", " service:", serviceKey);
+  evaluateMounters();
+  if (Vesk::Ptr<Mounter> mounter = registryEntry_->mounter(serviceKey)) {
+    if (!mounterConfigSm_(serviceKey)) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter", " new mounter:", serviceKey,
+                 " service:", serviceOf(*mounter), " group:", groupOf(*mounter));
+    }
+    mounterConfigSm_.is(serviceKey, mounter, this);
+  } else if (mounterConfigSm_(serviceKey)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter", " mounter gone:",
+               " service:", serviceKey);
+    mounterConfigSm_.cleanupAndDel(serviceKey);
+  }
+  handleSwitchConnection();
+}
+
+void MountsRegistryEntrySm::handleMounter() {
+  for (auto const& [key, mounter] : registryEntry_->mounterMembers()) handleMounter(key);
+}
+
+void MountsRegistryEntrySm::evaluateMounters() {
+  wildCardMount_ = false;
+  for (auto const& [key, m] : registryEntry_->mounterMembers()) {
+    ServiceMountGroupConfig const* group = m->mountGroupConfig().ptr();
+    if (group && !group->systemFilter() && !group->versionFilter()) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::evaluateMounters", " wildcard mount:",
+                 " service:", serviceOf(*m.ptr()), " group:", groupOf(*m.ptr()));
+      wildCardMount_ = true;
+      return;
+    }
+  }
+}
+
+// ---- the per-system decision --------------------------------------------------------------
+
+void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
+  if (!initialized_) return;
+  Vesk::String connection = systemId.stringValue();
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Peer:", connection);
+  Vesk::Ptr<PeerTable const> peers = peerTable();
+  Vesk::Ptr<Peer> peer = peers ? peers->peer(systemId) : nullptr;
+  if (peer) {
+    updateSystemStatus(systemId);
+    if (!peer->connectionConfig()) return;
+    if (canMountFromConnection(connection)) {
+      doConnectSwitch(systemId);
+    } else {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Cannot mount:",
+                 registryEntry_->name(), " from:", connection);
+      doDisconnectSwitch(systemId);
+    }
+    return;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " connection:",
+             connection, " registered:", mountSm_.contains(systemId) ? "true" : "false");
+  doDisconnectSwitch(systemId);
+  updateSystemStatus(systemId);
+}
+
+void MountsRegistryEntrySm::handleSwitchConnection() {
+  if (!initialized_) return;
+  Vesk::Ptr<PeerTable const> peers = peerTable();
+  if (!peers) return;
+  for (auto const& [systemId, peer] : peers->peerMembers()) handleSwitchConnection(systemId);
+}
+
+void MountsRegistryEntrySm::handleNamedSwitchConnection(Vesk::String const& connectionName) {
+  SystemId systemId;
+  if (systemId.stringValueIs(connectionName)) handleSwitchConnection(systemId);
+}
+
+bool MountsRegistryEntrySm::canMountFromConnection(Vesk::String const& connection) {
+  bool negotiated = false;
+  if (!cleaningUp_) {
+    for (auto const& [key, m] : registryEntry_->mounterMembers()) {
+      if (mountsRegistrySm_->negotiatedServiceVersionForConnection(serviceOf(*m.ptr()),
+                                                                   connection) != 0) {
+        negotiated = true;
+        break;
+      }
+    }
+  }
+  if (!negotiated) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+               " no version negotiated:", connection);
+    return false;
+  }
+  if (wildCardMount_) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection", " wildcard mount:",
+               connection);
+    return true;
+  }
+  if (!versionFilter_.empty()) {
+    if (!connectionMatchesVersionFilter(connection)) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+                 " version filter not matched for ", connection);
+      return false;
+    }
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+               " matched versionFilter:", connection);
+  } else {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+               " no versionfilter for ", connection);
+  }
+  if (connectionFilter_.empty()) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+               " no connectionFilter for ", connection);
+    return true;
+  }
+  if (connectionFilter(connection) != 0) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+               " matched connectionFilter:", connection);
+    return true;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+             " not in connectionFilter:", connection);
+  return false;
+}
+
+bool MountsRegistryEntrySm::connectionMatchesVersionFilter(Vesk::String const& connection) {
+  for (auto const& [service, filter] : versionFilter_) {
+    if (matchingServiceVersionFilter(service, connection)) return true;
+  }
+  return false;
+}
+
+bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& service,
+                                                         Vesk::String const& connection) {
+  Vesk::Ptr<ServiceVersionFilter> filter = versionFilter(Vesk::Name(service));
+  if (!filter) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter",
+               " no version filter for service ", service);
+    return false;
+  }
+  uint32_t version = mountsRegistrySm_->negotiatedServiceVersionForConnection(service, connection);
+  if (version == 0) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter", " no version",
+               " service:", service, " connection:", connection);
+    return false;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter",
+             "Supported version for ", connection, " for ", service, " ", version);
+  if (filter->version(version)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter",
+               " matched version:", version, " service:", service, " connection:", connection);
+    return true;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter", " version:",
+             version, " not in filter", " service:", service, " connection:", connection);
+  return false;
+}
+
+bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mounter,
+                                                            Vesk::String const& connection) {
+  ServiceMountGroupConfig const* group = mounter.mountGroupConfig().ptr();
+  if (!group) return false;
+  if (MountFilterSystem const* systems = group->systemFilter().ptr()) {
+    if (!systems->includedSystem(connection)) return false;
+  }
+  if (MountFilterServiceVersion const* versions = group->versionFilter().ptr()) {
+    uint32_t version =
+        mountsRegistrySm_->negotiatedServiceVersionForConnection(serviceOf(mounter), connection);
+    if (version == 0 || !versions->includedServiceVersion(version)) return false;
+  }
+  return true;
+}
+
+bool MountsRegistryEntrySm::preserveMountsOnDisconnect(SystemId const& systemId) {
+  if (!oobStatus_ || !oobStatus_->inactive(systemId)) return false;
+  for (auto const& [key, m] : registryEntry_->mounterMembers()) {
+    ServiceMountGroupConfig const* group = m->mountGroupConfig().ptr();
+    if (group && group->preserveMountsOnDisconnect()) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::preserveMountsOnDisconnect",
+                 ": mounter for group ", groupOf(*m.ptr()), " and service ", serviceOf(*m.ptr()),
+                 " has preserve=1");
+      return true;
+    }
+  }
+  return false;
+}
+
+// ---- starting and stopping a mount --------------------------------------------------------
+
+void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
+  if (!initialized_) return;
+  Vesk::Ptr<PeerTable const> peers = peerTable();
+  Vesk::Ptr<Peer> peer = peers ? peers->peer(systemId) : nullptr;
+  VESK_ASSERT(peer);
+  VESK_ASSERT(peer->connectionConfig());
+  Vesk::Name const& path = registryEntry_->name();
+  Vesk::String system = systemId.stringValue();
+  if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
+    if (sm->data()->mountState() == mountStateMounted && !sm->pendingRequest()) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch", " updating status:",
+                 path, " from:", system);
+      updateMountersStatus(systemId, mountStateMounted);
+      return;
+    }
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch", " remounting:", path,
+               " from:", system);
+    sm->connectionConfigIs(peer->connectionConfig());
+    sm->doRemount();
+    return;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch", " mounting:", path,
+             " from:", system);
+  MountsRegistry const* registry = registryEntry_->registry();
+  Vesk::Ptr<Vesk::Dir> prefixDir = registry ? registry->rootDir() : nullptr;
+  VESK_ASSERT(prefixDir);
+  Vesk::Name connTargetDirName = peer->connectionConfig()->name();
+  Vesk::Ptr<Vesk::Dir> connectionTargetDir = prefixDir->subdirIs(connTargetDirName);
+  VESK_ASSERT(connectionTargetDir);
+  Vesk::String targetPath = connectionTargetDir->fullName();
+  VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::doConnectSwitch",
+             "connTargetDirName=", connTargetDirName, "  targetPath=", targetPath);
+
+  Vesk::Ptr<MountSmData> data(new MountSmData(systemId, system));
+  mountSmData_.emplace(systemId, data);
+  mountSmDataSmIs(data);
+  uint32_t retries = registry->reconnectRetries();
+  Vesk::Seconds timeout = registry->mountTimeout();
+  Vesk::Ptr<MountSm> sm(new MountSm(
+      systemId, peer->connectionConfig(), mountsRegistrySm_->heartbeatConfig(),
+      registry->remoteRootPath(), path, targetPath, registryEntry_->veskType(),
+      registryEntry_->mountFlags(), retries == 0 ? kNoRetryLimit : retries,
+      timeout == 0.0 ? kNoMountTimeout : uint32_t(timeout), data));
+  mountSm_.emplace(systemId, sm);
+}
+
+void MountsRegistryEntrySm::mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data) {
+  mountSmDataSm_.is(data ? data->systemId() : SystemId(), data, this);
+}
+
+void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
+  Vesk::Name const& path = registryEntry_->name();
+  Vesk::String system = systemId.stringValue();
+  if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch", " unmounting:", path,
+               " from:", system);
+    if (preserveMountsOnDisconnect(systemId)) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch",
+                 ": unmount is state-preserving");
+      sm->doStatePreservingUnmount();
+    } else {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch",
+                 ": unmount is not state-preserving");
+      sm->doUnmount();
+    }
+    return;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch", " already unmounted:",
+             path, " from:", system);
+  updateMountersStatus(systemId, mountStateNotMounted);
+}
+
+void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
+  Vesk::Ptr<MountSm> sm = mountSm(systemId);
+  if (sm) sm->doCleanup();
+  mountSm_.erase(systemId);
+  mountSmDataSm_.del(systemId);
+  mountSmData_.erase(systemId);
+}
+
+// ---- writing results into the services' mount status --------------------------------------
+
+void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateMountersStatus", " mount state:", state,
+             " connection:", systemId.stringValue());
+  for (auto const& [key, m] : registryEntry_->mounterMembers()) {
+    updateMounterStatus(*m.ptr(), systemId, state);
+  }
+}
+
+Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::groupStatus(
+    Mounter const& mounter, SystemId const& systemId) const {
+  Vesk::Ptr<SystemStatus> system =
+      mounter.serviceMountStatus()->systemStatus(Vesk::Name(systemId.stringValue()));
+  return system ? system->serviceMountGroupStatus(Vesk::Name(groupOf(mounter))) : nullptr;
+}
+
+void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId const& systemId,
+                                                MountState state) {
+  VESK_ASSERT(mounter.serviceMountStatus());
+  VESK_ASSERT(mounter.mountGroupConfig());
+  Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId);
+  Vesk::Name const& mount = registryEntry_->name();
+  VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::updateMounterStatus", "group: ",
+             groupOf(mounter), " mount: ", mount);
+  VESK_TRACE(traceHandle, 8, "%s config: ",
+             mounter.mountConfig() ? mounter.mountConfig()->remotePath() : Vesk::Name());
+  if (!group) return;  // the system's statuses are gone with its peer
+  if (mounterIsInterestedInConnection(mounter, systemId.stringValue())) {
+    group->mountStatusIs(mount);
+    handleMountState(mounter, systemId, state);
+  } else {
+    group->mountStatusDel(mount);
+  }
+  group->processedIs(true);
+}
+
+void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId const& systemId,
+                                             MountState state) {
+  Vesk::Name const& path = registryEntry_->name();
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", "mount state:", state,
+             " connection:", systemId.stringValue(), " service:", serviceOf(mounter),
+             " mountGroup:", groupOf(mounter), " remote path:", path);
+  Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId);
+  Vesk::Ptr<MountStatus> status = group ? group->mountStatus(path) : nullptr;
+  if (!status) return;
+  if (state == mountStateMounted) {
+    if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
+      status->mountedPathIs(joinPath(sm->targetPath(), path));
+    }
+  }
+  status->mountStateIs(state);
+  updateMountGroupMountState(*mounter.mountGroupConfig(), *group, state);
+}
+
+void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig const&,
+                                                       ServiceMountGroupStatus& groupStatus,
+                                                       MountState state) {
+  bool allAgree = true;
+  for (auto const& [path, mount] : groupStatus.mountStatusMembers()) {
+    MountState s = mount->mountState();
+    if (s == mountStateFailed) {
+      groupStatus.mountStateIs(mountStateFailed);
+      return;
+    }
+    if (s != state) allAgree = false;
+  }
+  groupStatus.mountStateIs(allAgree ? state : mountStateNotMounted);
+}
+
+void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
+  Vesk::String system = systemId.stringValue();
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateSystemStatus", " connection:", system);
+  Vesk::Ptr<PeerTable const> peers = peerTable();
+  bool present = peers && peers->peer(systemId);
+  for (auto const& [key, m] : registryEntry_->mounterMembers()) {
+    ServiceMountStatus* status = m->serviceMountStatus().ptr();
+    if (!status) continue;
+    if (present) {
+      status->systemStatusIs(Vesk::Name(system))->serviceMountGroupStatusIs(
+          Vesk::Name(groupOf(*m.ptr())));
+    } else {
+      status->systemStatusDel(Vesk::Name(system));
+    }
+  }
+}
+
+// ---- life cycle ---------------------------------------------------------------------------
+
+void MountsRegistryEntrySm::handleInitialized() {
+  VESK_TRACE(traceHandle, 5, "MoutnsRegistryEntrySm::", "handleInitialized", " path:",
+             registryEntry_->name());
+  if (initialized_) return;
+  initialized_ = true;
+  handleSwitchConnection();
+}
+
+// An entry that goes away unmounts from every system. Mounters still on it are taken down
+// first (with their filters and status records), so that no system passes the decision;
+// mount machines that have not reported their unmount by the end are cleaned up and
+// dropped with the entry.
+void MountsRegistryEntrySm::doCleanup() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doCleanup", " path:", registryEntry_->name());
+  cleaningUp_ = true;
+  entryReactor_.reset();
+  mounterConfigSm_.cleanupAndDelAll();
+  handleSwitchConnection();
+  std::vector<SystemId> remaining;
+  for (auto const& [systemId, sm] : mountSm_) remaining.push_back(systemId);
+  for (SystemId const& systemId : remaining) mountSmDel(systemId);
+}
+
+}  // namespace Controller

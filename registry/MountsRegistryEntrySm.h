@@ -1,0 +1,115 @@
+// MountsRegistryEntrySm: decides, for every connected system, whether one registry entry's
+// path is mounted from it.
+//
+// It owns one mount machine (with its data record and a reactor on the data's mountState)
+// per system it mounts from, one MounterConfigSm per mounter, and the union of the
+// mounters' filters: connectionFilter (system name -> number of mounters whose group
+// includes it) and versionFilter (service -> accepted versions). It writes each interested
+// service's view of the result into that service's mount status.
+#pragma once
+
+#include <array>
+#include <tuple>
+
+#include "framework/Machine.h"
+#include "registry/MountsRegistry.h"
+
+namespace Controller {
+
+class MountsRegistrySm;
+class MounterConfigSm;
+
+class MountsRegistryEntrySm : public Vesk::PtrInterface {
+ public:
+  static constexpr char const* typeName = "Controller::MountsRegistryEntrySm";
+  static constexpr std::array<char const*, 4> inputNames{"registryEntry", "oobStatus",
+                                                         "serviceMountStatusDir",
+                                                         "mountsRegistrySm"};
+
+  MountsRegistryEntrySm(Vesk::Ptr<MountsRegistryEntry> const& registryEntry,
+                        Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+                        Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
+                        MountsRegistrySm* mountsRegistrySm);
+  ~MountsRegistryEntrySm() override;
+  auto inputs() const {
+    return std::tie(registryEntry_, oobStatus_, serviceMountStatusDir_, mountsRegistrySm_);
+  }
+
+  Vesk::Ptr<MountsRegistryEntry> const& registryEntry() const { return registryEntry_; }
+  MountsRegistrySm* mountsRegistrySm() const { return mountsRegistrySm_; }
+  bool initialized() const { return initialized_; }
+  bool wildCardMount() const { return wildCardMount_; }
+
+  // The union filters, kept by the MounterConfigSm children.
+  uint32_t connectionFilter(Vesk::String const& connection) const;
+  void connectionFilterIs(Vesk::String const& connection, uint32_t count);
+  void connectionFilterDel(Vesk::String const& connection);
+  size_t connectionFilterSize() const { return connectionFilter_.size(); }
+  Vesk::Ptr<ServiceVersionFilter> versionFilter(Vesk::Name const& service) const;
+  Vesk::Ptr<ServiceVersionFilter> versionFilterIs(Vesk::Name const& service);
+  void versionFilterDel(Vesk::Name const& service);
+  size_t versionFilterSize() const { return versionFilter_.size(); }
+
+  Vesk::Ptr<MountSm> mountSm(SystemId const& systemId) const;
+  Vesk::Ptr<MountSmData> mountSmData(SystemId const& systemId) const;
+  size_t mountSmSize() const { return mountSm_.size(); }
+  Vesk::Ptr<MounterConfigSm> mounterConfigSm(Vesk::String const& service) const;
+  size_t mounterConfigSmSize() const { return mounterConfigSm_.size(); }
+
+  void handleMounter(Vesk::String const& serviceKey);
+  void handleMounter();
+  void evaluateMounters();
+  void handleSwitchConnection(SystemId const& systemId);
+  void handleSwitchConnection();
+  void handleNamedSwitchConnection(Vesk::String const& connectionName);
+  bool canMountFromConnection(Vesk::String const& connection);
+  bool connectionMatchesVersionFilter(Vesk::String const& connection);
+  bool matchingServiceVersionFilter(Vesk::String const& service, Vesk::String const& connection);
+  bool mounterIsInterestedInConnection(Mounter const& mounter, Vesk::String const& connection);
+  bool preserveMountsOnDisconnect(SystemId const& systemId);
+  void doConnectSwitch(SystemId const& systemId);
+  void doDisconnectSwitch(SystemId const& systemId);
+  void updateMountersStatus(SystemId const& systemId, MountState state);
+  void updateMounterStatus(Mounter const& mounter, SystemId const& systemId, MountState state);
+  void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state);
+  void updateMountGroupMountState(ServiceMountGroupConfig const& groupConfig,
+                                  ServiceMountGroupStatus& groupStatus, MountState state);
+  void updateSystemStatus(SystemId const& systemId);
+  void handleInitialized();
+  void doCleanup();
+
+ private:
+  class EntryReactor;
+  class MountStateReactor;
+  friend class MountStateReactor;
+
+  Vesk::Ptr<PeerTable const> peerTable() const;
+  void mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data);
+  // The mount machine, its data and its reactor go together.
+  void mountSmDel(SystemId const& systemId);
+  Vesk::Ptr<ServiceMountGroupStatus> groupStatus(Mounter const& mounter,
+                                                 SystemId const& systemId) const;
+
+  Vesk::Ptr<MountsRegistryEntry> const registryEntry_;
+  Vesk::Ptr<ControllerOob::Status const> const oobStatus_;
+  Vesk::Ptr<Vesk::Dir> const serviceMountStatusDir_;
+  MountsRegistrySm* const mountsRegistrySm_;
+  Vesk::MachineCollection<Vesk::String, MounterConfigSm> mounterConfigSm_;
+  Vesk::HashMap<Vesk::String, uint32_t> connectionFilter_;
+  Vesk::HashMap<Vesk::Name, Vesk::Ptr<ServiceVersionFilter>> versionFilter_;
+  Vesk::HashMap<SystemId, Vesk::Ptr<MountSm>> mountSm_;
+  Vesk::HashMap<SystemId, Vesk::Ptr<MountSmData>> mountSmData_;
+  Vesk::MachineCollection<SystemId, MountStateReactor> mountSmDataSm_;
+  std::unique_ptr<EntryReactor> entryReactor_;
+  bool wildCardMount_ = false;
+  bool initialized_ = false;
+  bool cleaningUp_ = false;
+  [[no_unique_address]] Vesk::LiveCount<MountsRegistryEntrySm> liveCount_;
+};
+
+Vesk::Ptr<MountsRegistryEntrySm> mountsRegistryEntrySmFactory(
+    Vesk::Ptr<MountsRegistryEntry> const& registryEntry,
+    Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+    Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir, MountsRegistrySm* mountsRegistrySm);
+
+}  // namespace Controller

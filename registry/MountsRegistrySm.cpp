@@ -1,0 +1,241 @@
+#include "registry/MountsRegistrySm.h"
+
+#include "framework/Assert.h"
+#include "framework/Trace.h"
+#include "registry/ConnectionServiceStatusDirSm.h"
+#include "registry/MountsRegistryEntrySm.h"
+
+namespace Controller {
+
+namespace {
+Vesk::TraceHandle traceHandle("MountsRegistrySm", true);
+
+// A connection is named by its system's text form; an unparsable name names no system.
+bool systemOfConnection(Vesk::String const& connection, SystemId& out) {
+  return out.stringValueIs(connection);
+}
+}  // namespace
+
+class MountsRegistrySm::RegistryReactor : public MountsRegistry::NotifieeConst {
+ public:
+  explicit RegistryReactor(MountsRegistrySm* sm) : sm_(sm) {}
+  void onMountEntry(Vesk::Name const& name) override { sm_->handleMountEntry(name); }
+  void onMountEntry() override { sm_->handleMountEntry(); }
+
+ private:
+  MountsRegistrySm* sm_;
+};
+
+class MountsRegistrySm::OobStatusReactor : public ControllerOob::Status::NotifieeConst {
+ public:
+  explicit OobStatusReactor(MountsRegistrySm* sm) : sm_(sm) {}
+  void onEstablished() override { sm_->handleSwitchConnection(); }
+  void onInactive(SystemId const& systemId) override { sm_->handleInactivePeer(systemId); }
+
+ private:
+  MountsRegistrySm* sm_;
+};
+
+class MountsRegistrySm::PeerTableReactor : public PeerTable::NotifieeConst {
+ public:
+  explicit PeerTableReactor(MountsRegistrySm* sm) : sm_(sm) {}
+  void onPeer(SystemId const& systemId) override { sm_->handlePeer(systemId); }
+  void onPeer() override { sm_->handlePeer(); }
+
+ private:
+  MountsRegistrySm* sm_;
+};
+
+MountsRegistrySm::MountsRegistrySm(
+    Vesk::Ptr<MountsRegistry> const& mountsRegistry,
+    Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+    Vesk::Ptr<Heartbeat::Config const> const& heartbeatConfig,
+    Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
+    Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus)
+    : mountsRegistry_(mountsRegistry),
+      oobStatus_(oobStatus),
+      heartbeatConfig_(heartbeatConfig),
+      serviceMountStatusDir_(serviceMountStatusDir),
+      controllerdbPublishStatus_(controllerdbPublishStatus),
+      peerTable_(oobStatus ? oobStatus->peerTable() : nullptr),
+      mountsRegistryEntrySm_(typeName, "mountsRegistryEntrySm"),
+      connectionServiceStatusDirSm_(typeName, "connectionServiceStatusDirSm") {
+  if (mountsRegistry_) {
+    registryReactor_ = std::make_unique<RegistryReactor>(this);
+    registryReactor_->notifierIs(mountsRegistry_);
+  }
+  if (oobStatus_) {
+    oobStatusReactor_ = std::make_unique<OobStatusReactor>(this);
+    oobStatusReactor_->notifierIs(oobStatus_);
+  }
+  handleMountEntry();
+  if (peerTable_) {
+    peerTableReactor_ = std::make_unique<PeerTableReactor>(this);
+    peerTableReactor_->notifierIs(peerTable_);
+  }
+  handleInitialized();
+}
+
+MountsRegistrySm::~MountsRegistrySm() = default;
+
+Vesk::Ptr<MountsRegistryEntrySm> MountsRegistrySm::mountsRegistryEntrySm(
+    Vesk::Name const& name) const {
+  return mountsRegistryEntrySm_(name);
+}
+
+Vesk::Ptr<ConnectionServiceStatusDirSm> MountsRegistrySm::connectionServiceStatusDirSm(
+    Vesk::Name const& connection) const {
+  return connectionServiceStatusDirSm_(connection);
+}
+
+Vesk::Ptr<MountsRegistrySm> mountsRegistrySmFactory(
+    Vesk::Ptr<MountsRegistry> const& mountsRegistry,
+    Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+    Vesk::Ptr<Heartbeat::Config const> const& heartbeatConfig,
+    Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
+    Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus) {
+  return Vesk::Ptr<MountsRegistrySm>(new MountsRegistrySm(
+      mountsRegistry, oobStatus, heartbeatConfig, serviceMountStatusDir, controllerdbPublishStatus));
+}
+
+void MountsRegistrySm::handleMountEntry(Vesk::Name const& name) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleMountEntry", " name:", name);
+  if (Vesk::Ptr<MountsRegistryEntry> entry = mountsRegistry_->mountEntry(name)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleMountEntry", " Remote Path:", name);
+    mountsRegistryEntrySm_.is(name, entry, oobStatus_, serviceMountStatusDir_, this);
+  } else if (mountsRegistryEntrySm_(name)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleMountEntry",
+               " Deleting registry entry sm for :", name);
+    mountsRegistryEntrySm_.cleanupAndDel(name);
+  }
+}
+
+void MountsRegistrySm::handleMountEntry() {
+  if (!mountsRegistry_) return;
+  for (auto const& [name, entry] : mountsRegistry_->mountEntryMembers()) handleMountEntry(name);
+}
+
+void MountsRegistrySm::handlePeer(SystemId const& systemId) {
+  Vesk::String connection = systemId.stringValue();
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePeer", " peer:", connection);
+  Vesk::Ptr<Peer> peer = peerTable_ ? peerTable_->peer(systemId) : nullptr;
+  if (peer) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePeer", " peer:", connection, " added");
+    if (controllerdbPublishStatus_) controllerdbPublishStatus_->systemIs(systemId);
+    if (peer->serviceStatusDir()) {
+      connectionServiceStatusDirSm_.is(Vesk::Name(connection), Vesk::Name(connection),
+                                       peer->serviceStatusDir(), this);
+    }
+    return;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePeer", " peer:", connection, " removed");
+  if (controllerdbPublishStatus_) controllerdbPublishStatus_->systemDel(systemId);
+  connectionServiceStatusDirSm_.cleanupAndDel(Vesk::Name(connection));
+}
+
+void MountsRegistrySm::handlePeer() {
+  if (!peerTable_) return;
+  for (auto const& [systemId, peer] : peerTable_->peerMembers()) handlePeer(systemId);
+}
+
+void MountsRegistrySm::handleInactivePeer(SystemId const& systemId) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleInactivePeer", "( ", systemId.stringValue(),
+             " )");
+  if (oobStatus_ && oobStatus_->inactive(systemId)) {
+    for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
+      entrySm->doDisconnectSwitch(systemId);
+      entrySm->updateSystemStatus(systemId);
+    }
+  } else if (!peerTable_ || !peerTable_->peer(systemId)) {
+    for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
+      entrySm->handleSwitchConnection(systemId);
+    }
+  }
+}
+
+void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection", " peer:",
+             systemId.stringValue());
+  for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
+    entrySm->handleSwitchConnection(systemId);
+  }
+}
+
+void MountsRegistrySm::handleSwitchConnection() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection");
+  if (!peerTable_) return;
+  for (auto const& [systemId, peer] : peerTable_->peerMembers()) handleSwitchConnection(systemId);
+}
+
+void MountsRegistrySm::handleServiceVersion(Vesk::Name const& connection,
+                                            Vesk::Name const& service) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServiceVersion", " connection:", connection,
+             " service:", service);
+  SystemId systemId;
+  if (!systemOfConnection(connection, systemId)) return;
+  handleServiceSwitchConnection(systemId, service);
+}
+
+void MountsRegistrySm::handleServiceSwitchConnection(SystemId const& systemId,
+                                                     Vesk::String const& service) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServiceSwitchConnection", " peer:",
+             systemId.stringValue(), " service:", service);
+  for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
+    MountsRegistryEntry const* registryEntry = entrySm->registryEntry().ptr();
+    VESK_ASSERT(registryEntry);
+    for (auto const& [serviceKey, mounter] : registryEntry->mounterMembers()) {
+      Vesk::String const& mounterService =
+          isProxyServiceName(serviceKey) ? realServiceNameOfProxy(serviceKey) : serviceKey;
+      if (mounterService == service) {
+        entrySm->handleSwitchConnection(systemId);
+        break;
+      }
+    }
+  }
+}
+
+uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(
+    Vesk::String const& service, Vesk::String const& connection) const {
+  VESK_TRACE(traceHandle, 8, "MountsRegistrySm::negotiatedServiceVersionForConnection",
+             " service:", service, " connection:", connection);
+  SystemId systemId;
+  Peer const* peer = nullptr;
+  if (peerTable_ && systemOfConnection(connection, systemId)) {
+    peer = peerTable_->peer(systemId).ptr();
+  }
+  if (!peer) return 0;
+  Vesk::String const& realService =
+      isProxyServiceName(service) ? realServiceNameOfProxy(service) : service;
+  // A version counts only once its negotiation has completed and found it compatible.
+  ServiceStatusDir const* dir = peer->serviceStatusDir().ptr();
+  Vesk::Ptr<ServiceStatusV1> status = dir ? dir->service(Vesk::Name(realService)) : nullptr;
+  ServiceVersionStatusV1 const* version =
+      status && status->enabled() ? status->versionStatus().ptr() : nullptr;
+  if (version && version->versionNegotiationComplete() && version->versionCompatible() &&
+      version->negotiatedVersion() != 0) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
+               " negotiated service version for ", connection, " for service ", realService,
+               " = ", version->negotiatedVersion());
+    return version->negotiatedVersion();
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
+             " no version negotiated for ", connection, " for service ", realService);
+  return 0;
+}
+
+void MountsRegistrySm::handleInitialized() {
+  if (initialized_) return;
+  initialized_ = true;
+  handleSwitchConnection();
+}
+
+void MountsRegistrySm::doCleanup() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::doCleanup");
+  registryReactor_.reset();
+  oobStatusReactor_.reset();
+  peerTableReactor_.reset();
+  mountsRegistryEntrySm_.cleanupAndDelAll();
+  connectionServiceStatusDirSm_.cleanupAndDelAll();
+}
+
+}  // namespace Controller

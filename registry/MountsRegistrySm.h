@@ -1,0 +1,101 @@
+// MountsRegistrySm: the top machine of the registry.
+//
+// It watches the registry, the out-of-band status and its peer table, and turns their
+// changes into work for its children: one MountsRegistryEntrySm per mount entry and one
+// ConnectionServiceStatusDirSm per connected system. It answers the question every child
+// asks: which version of a service was negotiated on a given connection (0 for none).
+//
+// The hosting agent creates it once, through mountsRegistrySmFactory, and keeps it.
+#pragma once
+
+#include <array>
+#include <tuple>
+
+#include "framework/Machine.h"
+#include "registry/MountsRegistry.h"
+
+namespace Controller {
+
+class MountsRegistryEntrySm;
+class ConnectionServiceStatusDirSm;
+
+class MountsRegistrySm : public Vesk::PtrInterface {
+ public:
+  static constexpr char const* typeName = "Controller::MountsRegistrySm";
+  static constexpr std::array<char const*, 5> inputNames{
+      "mountsRegistry", "oobStatus", "heartbeatConfig", "serviceMountStatusDir",
+      "controllerdbPublishStatus"};
+
+  MountsRegistrySm(Vesk::Ptr<MountsRegistry> const& mountsRegistry,
+                   Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+                   Vesk::Ptr<Heartbeat::Config const> const& heartbeatConfig,
+                   Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
+                   Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus);
+  ~MountsRegistrySm() override;
+  auto inputs() const {
+    return std::tie(mountsRegistry_, oobStatus_, heartbeatConfig_, serviceMountStatusDir_,
+                    controllerdbPublishStatus_);
+  }
+
+  Vesk::Ptr<MountsRegistry> const& mountsRegistry() const { return mountsRegistry_; }
+  Vesk::Ptr<ControllerOob::Status const> const& oobStatus() const { return oobStatus_; }
+  Vesk::Ptr<Heartbeat::Config const> const& heartbeatConfig() const { return heartbeatConfig_; }
+  Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir() const { return serviceMountStatusDir_; }
+  Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus() const {
+    return controllerdbPublishStatus_;
+  }
+  Vesk::Ptr<PeerTable const> const& peerTable() const { return peerTable_; }
+  bool initialized() const { return initialized_; }
+
+  Vesk::Ptr<MountsRegistryEntrySm> mountsRegistryEntrySm(Vesk::Name const& name) const;
+  Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> const& mountsRegistryEntrySms()
+      const {
+    return mountsRegistryEntrySm_;
+  }
+  Vesk::Ptr<ConnectionServiceStatusDirSm> connectionServiceStatusDirSm(
+      Vesk::Name const& connection) const;
+  size_t connectionServiceStatusDirSmSize() const { return connectionServiceStatusDirSm_.size(); }
+
+  void handleMountEntry(Vesk::Name const& name);
+  void handleMountEntry();
+  void handlePeer(SystemId const& systemId);
+  void handlePeer();
+  void handleInactivePeer(SystemId const& systemId);
+  void handleSwitchConnection(SystemId const& systemId);
+  void handleSwitchConnection();
+  void handleServiceVersion(Vesk::Name const& connection, Vesk::Name const& service);
+  void handleServiceSwitchConnection(SystemId const& systemId, Vesk::String const& service);
+  uint32_t negotiatedServiceVersionForConnection(Vesk::String const& service,
+                                                 Vesk::String const& connection) const;
+  void handleInitialized();
+  // Cleans up and drops every child, so that nothing the machine made outlives it.
+  void doCleanup();
+
+ private:
+  class RegistryReactor;
+  class OobStatusReactor;
+  class PeerTableReactor;
+
+  Vesk::Ptr<MountsRegistry> const mountsRegistry_;
+  Vesk::Ptr<ControllerOob::Status const> const oobStatus_;
+  Vesk::Ptr<Heartbeat::Config const> const heartbeatConfig_;
+  Vesk::Ptr<Vesk::Dir> const serviceMountStatusDir_;
+  Vesk::Ptr<Controllerdb::PublishStatus> const controllerdbPublishStatus_;
+  Vesk::Ptr<PeerTable const> peerTable_;
+  Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> mountsRegistryEntrySm_;
+  Vesk::MachineCollection<Vesk::Name, ConnectionServiceStatusDirSm> connectionServiceStatusDirSm_;
+  std::unique_ptr<RegistryReactor> registryReactor_;
+  std::unique_ptr<OobStatusReactor> oobStatusReactor_;
+  std::unique_ptr<PeerTableReactor> peerTableReactor_;
+  bool initialized_ = false;
+  [[no_unique_address]] Vesk::LiveCount<MountsRegistrySm> liveCount_;
+};
+
+Vesk::Ptr<MountsRegistrySm> mountsRegistrySmFactory(
+    Vesk::Ptr<MountsRegistry> const& mountsRegistry,
+    Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+    Vesk::Ptr<Heartbeat::Config const> const& heartbeatConfig,
+    Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
+    Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus);
+
+}  // namespace Controller

@@ -1,0 +1,512 @@
+#include "framework/Trace.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <optional>
+#include <span>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "framework/Exception.h"
+#include "framework/FlitlogReader.h"
+
+namespace Vesk {
+namespace {
+
+struct Peer {
+  static inline int conversions = 0;
+  int id;
+  String stringValue() const {
+    ++conversions;
+    return String("peer-" + std::to_string(id));
+  }
+};
+
+struct Point {
+  int x, y;
+};
+std::ostream& operator<<(std::ostream& os, Point const& p) {
+  return os << '(' << p.x << ',' << p.y << ')';
+}
+
+enum class Color : uint32_t { red = 1, blue = 7 };
+enum Small : int8_t { minusTwo = -2 };
+enum class Wide : uint64_t { top = std::numeric_limits<uint64_t>::max() };
+
+std::string tempPath(std::string const& name) {
+  return ::testing::TempDir() + "trace_test_" + std::to_string(::getpid()) + "_" + name;
+}
+
+std::vector<std::string> textsOf(FlitDecoding const& d) {
+  std::vector<std::string> out;
+  for (FlitMessage const& m : d.messages) out.push_back(m.text);
+  return out;
+}
+
+// Sets an environment variable for the scope and puts the old value back.
+class ScopedEnv {
+ public:
+  ScopedEnv(char const* name, char const* value) : name_(name) {
+    if (char const* old = std::getenv(name)) old_ = old;
+    ::setenv(name, value, 1);
+  }
+  ~ScopedEnv() {
+    if (old_) {
+      ::setenv(name_, old_->c_str(), 1);
+    } else {
+      ::unsetenv(name_);
+    }
+  }
+
+ private:
+  char const* name_;
+  std::optional<std::string> old_;
+};
+
+// Tests that switch trace files go back to a small anonymous mapping and remove their files.
+class TraceFileTest : public ::testing::Test {
+ protected:
+  std::string file(std::string const& name) {
+    files_.push_back(tempPath(name));
+    return files_.back();
+  }
+  void TearDown() override {
+    Flitlog::fileIs(String(), flit::minFileBytes * 4);
+    for (std::string const& f : files_) std::remove(f.c_str());
+  }
+
+ private:
+  std::vector<std::string> files_;
+};
+
+// ---- message text
+
+TEST(TraceMessageText, JoinsPiecesAndValuesOfEveryKind) {
+  TraceHandle h("TraceTestKinds", false);
+  TraceCapture capture;
+  String s("str");
+  Name n("name");
+  char const* cp = "cp";
+  char const* null = nullptr;
+  std::string ss = "ss";
+  std::string_view sv = "sv";
+  char buffer[8] = "buf";
+  VESK_TRACE(h, 5, "text:", s, "|", n, "|", cp, "|", null, "|", ss, "|", sv, "|", buffer, "|", '!');
+  VESK_TRACE(h, 5, "ints:", -7, ",", 7u, ",", -(int64_t(1) << 40), ",", UINT64_MAX, ",", true, ",",
+             false, ",", Color::blue, ",", minusTwo, ",", short(-3), ",",
+             static_cast<unsigned char>(200), ",", Wide::top, ",", INT32_MIN);
+  VESK_TRACE(h, 5, "doubles:", 0.1, ",", 1e300, ",", -2.5, ",", 3.0, ",", 1.0f / 3);
+  VESK_TRACE(h, 5, "objects:", Peer{4}, ",", Point{1, 2});
+  EXPECT_EQ(capture.lines(), (std::vector<std::string>{
+                                 "text:str|name|cp||ss|sv|buf|!",
+                                 "ints:-7,7,-1099511627776,18446744073709551615,1,0,7,-2,-3,200,"
+                                 "18446744073709551615,-2147483648",
+                                 "doubles:0.1,1e+300,-2.5,3,0.3333333432674408",
+                                 "objects:peer-4,(1,2)",
+                             }));
+}
+
+TEST(TraceMessageText, AdjacentPiecesAndBareValuesJoinWithoutSeparators) {
+  TraceHandle h("TraceTestPieces", false);
+  TraceCapture capture;
+  int x = 1;
+  VESK_TRACE(h, 1, "a", "b", x, "c", "d");
+  VESK_TRACE(h, 1, x, x);
+  VESK_TRACE(h, 1, "only");
+  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"ab1cd", "11", "only"}));
+  EXPECT_TRUE(capture.contains("1cd"));
+  EXPECT_FALSE(capture.contains("abc"));
+}
+
+TEST(TraceMessageText, DecodedRingTextEqualsCapturedText) {
+  TraceHandle h("TraceTestRoundTrip", true);
+  TraceCapture capture;
+  VESK_TRACE(h, 5, "mixed ", String("s"), " ", -3, " ", 4000000000u, " ", INT64_MIN, " ",
+             UINT64_MAX, " ", 2.5e-9, " ", Peer{9}, " ", Point{-1, 0}, " end");
+  FlitDecoding d = decodeFlitlog(Flitlog::image());
+  ASSERT_TRUE(d.ok()) << d.error;
+  ASSERT_FALSE(d.messages.empty());
+  ASSERT_EQ(capture.lines().size(), 1u);
+  EXPECT_EQ(d.messages.back().text, capture.lines()[0]);
+  EXPECT_EQ(d.messages.back().module, "TraceTestRoundTrip");
+  EXPECT_EQ(d.messages.back().file, "TraceTest.cpp");
+  EXPECT_EQ(d.messages.back().level, 5);
+}
+
+// ---- levels
+
+TEST(TraceLevels, DisabledCallsEvaluateNoArgument) {
+  TraceHandle h("TraceTestLazy", true);
+  int evaluated = 0;
+  auto touch = [&] { return ++evaluated; };
+  Peer::conversions = 0;
+  VESK_TRACE(h, 8, "detail ", touch(), Peer{1});
+  EXPECT_EQ(evaluated, 0);
+  EXPECT_EQ(Peer::conversions, 0);
+  VESK_TRACE(h, 5, "routine ", touch(), Peer{1});
+  EXPECT_EQ(evaluated, 1);
+  EXPECT_EQ(Peer::conversions, 1);
+  h.levelIs(0);
+  VESK_TRACE(h, 1, "important ", touch());
+  VESK_MIRRLOG(h, 1, "important ", touch());
+  EXPECT_EQ(evaluated, 1);
+}
+
+TEST(TraceLevels, DefaultsAndLevelIsClamps) {
+  TraceHandle on("TraceTestOn", true);
+  TraceHandle off("TraceTestOff", false);
+  EXPECT_EQ(on.level(), TraceHandle::onLevel);
+  EXPECT_TRUE(on.enabled(1) && on.enabled(5));
+  EXPECT_FALSE(on.enabled(8));
+  EXPECT_EQ(off.level(), 0);
+  EXPECT_FALSE(off.enabled(1));
+  off.levelIs(-4);
+  EXPECT_EQ(off.level(), 0);
+  off.levelIs(1000);
+  EXPECT_EQ(off.level(), TraceHandle::maxLevel);
+  EXPECT_TRUE(off.enabled(8));
+}
+
+TEST(TraceLevels, CaptureRaisesEveryHandleToEightAndRestores) {
+  TraceHandle before("TraceTestBefore", false);
+  before.levelIs(1);
+  {
+    TraceCapture capture;
+    TraceHandle during("TraceTestDuring", false);
+    EXPECT_TRUE(before.enabled(8));
+    EXPECT_FALSE(before.enabled(9));
+    EXPECT_TRUE(during.enabled(8));
+    EXPECT_EQ(before.level(), 1);
+    before.levelIs(2);
+    EXPECT_TRUE(before.enabled(8));
+    {
+      TraceCapture inner;
+      VESK_TRACE(before, 8, "to the inner capture");
+      EXPECT_EQ(inner.lines().size(), 1u);
+    }
+    EXPECT_TRUE(capture.lines().empty());
+    VESK_TRACE(during, 8, "to the outer capture");
+    EXPECT_EQ(capture.lines().size(), 1u);
+    during.levelIs(9);
+    { TraceCapture inner; }
+    EXPECT_TRUE(during.enabled(9));
+  }
+  EXPECT_EQ(before.level(), 2);
+  EXPECT_TRUE(before.enabled(2));
+  EXPECT_FALSE(before.enabled(3));
+}
+
+TEST(TraceLevels, MessagesEnabledOnlyByACaptureStayOutOfTheRing) {
+  TraceHandle silent("TraceTestSilent", false);
+  TraceHandle on("TraceTestHeard", true);
+  TraceCapture capture;
+  VESK_TRACE(silent, 5, "unrecorded ", 1);
+  VESK_TRACE(on, 5, "recorded ", 2);
+  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"unrecorded 1", "recorded 2"}));
+  FlitDecoding d = decodeFlitlog(Flitlog::image());
+  ASSERT_TRUE(d.ok()) << d.error;
+  ASSERT_FALSE(d.messages.empty());
+  EXPECT_EQ(d.messages.back().text, "recorded 2");
+  for (FlitMessage const& m : d.messages) EXPECT_NE(m.text, "unrecorded 1");
+}
+
+TEST(TraceLevels, ConfigSyntax) {
+  struct Case {
+    char const* config;
+    char const* module;
+    int level;
+    int expected;
+  };
+  Case const cases[] = {
+      {"*=5,MountsRegistrySm=8", "MountsRegistrySm", 0, 8},
+      {"*=5,MountsRegistrySm=8", "Other", 0, 5},
+      {"MountsRegistrySm=8,*=2", "MountsRegistrySm", 0, 2},  // the last match wins
+      {"Mounts*=1", "MountsRegistrySm", 5, 1},
+      {"Mounts*=1", "Mount", 5, 5},
+      {"", "Any", 3, 3},
+      {" A = 7 , B ", "A", 0, 7},
+      {" A = 7 , B ", "B", 0, TraceHandle::onLevel},
+      {"A=x,A=128,A=-1,A=,*A=1,A*B=4,=3,A", "A", 0, TraceHandle::onLevel},
+      {"A=0", "A", 5, 0},
+      {"A=127", "AB", 4, 4},
+  };
+  for (Case const& c : cases) {
+    EXPECT_EQ(traceLevelFor(c.config, c.module, c.level), c.expected)
+        << c.config << " for " << c.module;
+  }
+}
+
+TEST(TraceLevels, EnvironmentSetsTheLevelWhenAHandleIsCreated) {
+  ScopedEnv env("VESK_TRACE", "*=1,TraceTestEnv*=8,TraceTestEnvQuiet=0,bad=entry");
+  TraceHandle loud("TraceTestEnvLoud", false);
+  TraceHandle quiet("TraceTestEnvQuiet", true);
+  TraceHandle other("TraceTestOther", true);
+  EXPECT_EQ(loud.level(), 8);
+  EXPECT_EQ(quiet.level(), 0);
+  EXPECT_EQ(other.level(), 1);
+}
+
+// ---- registry
+
+TEST(TraceRegistry, HandlesAreFoundByNameAndNamesAreUnique) {
+  std::optional<TraceHandle> b(std::in_place, "TraceTestRegB", true);
+  TraceHandle a("TraceTestRegA", false);
+  EXPECT_EQ(TraceHandle::handle(Name("TraceTestRegA")), &a);
+  EXPECT_EQ(TraceHandle::handle(Name("TraceTestRegB")), &*b);
+  EXPECT_THROW(TraceHandle("TraceTestRegA", true), NameInUseException);
+  EXPECT_EQ(TraceHandle::handle(Name("TraceTestRegA")), &a);
+
+  std::vector<TraceHandle*> all = TraceHandle::handles();
+  auto posA = std::find(all.begin(), all.end(), &a);
+  auto posB = std::find(all.begin(), all.end(), &*b);
+  ASSERT_TRUE(posA != all.end() && posB != all.end());
+  EXPECT_LT(posA, posB);
+  for (size_t i = 1; i < all.size(); ++i) EXPECT_LT(all[i - 1]->name(), all[i]->name());
+
+  b.reset();
+  EXPECT_EQ(TraceHandle::handle(Name("TraceTestRegB")), nullptr);
+  TraceHandle again("TraceTestRegB", true);
+  EXPECT_EQ(TraceHandle::handle(Name("TraceTestRegB")), &again);
+}
+
+// ---- text trace
+
+TEST(TraceText, DetailAndMirroredMessagesBecomeTextLines) {
+  std::string const path = tempPath("text");
+  TraceText::fileIs(path);
+  EXPECT_EQ(TraceText::file(), path);
+  TraceHandle h("TraceTestText", true);
+  int const routineLine = __LINE__ + 1;
+  VESK_TRACE(h, 5, "routine ", 1);
+  int const mirroredLine = __LINE__ + 1;
+  VESK_MIRRLOG(h, 1, "mirrored ", 2);
+  VESK_TRACE(h, 8, "detail, not at this handle's level ", 3);
+  h.levelIs(8);
+  int const detailLine = __LINE__ + 1;
+  VESK_TRACE(h, 8, "detail ", 4.5);
+  TraceText::fileIs(String());
+
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  std::remove(path.c_str());
+  EXPECT_EQ(text.str(), "TraceTest.cpp:" + std::to_string(mirroredLine) +
+                            " TraceTestText mirrored 2\n"
+                            "TraceTest.cpp:" +
+                            std::to_string(detailLine) + " TraceTestText detail 4.5\n");
+  // The ring has all three produced messages.
+  FlitDecoding d = decodeFlitlog(Flitlog::image());
+  ASSERT_TRUE(d.ok()) << d.error;
+  ASSERT_GE(d.messages.size(), 3u);
+  std::vector<std::string> last = textsOf(d);
+  last.erase(last.begin(), last.end() - 3);
+  EXPECT_EQ(last, (std::vector<std::string>{"routine 1", "mirrored 2", "detail 4.5"}));
+  EXPECT_EQ(d.messages[d.messages.size() - 3].line, uint32_t(routineLine));
+}
+
+// ---- trace files
+
+void tracePeer(TraceHandle& h, int peer) { VESK_TRACE(h, 5, "peer ", peer); }
+
+TEST_F(TraceFileTest, CallSiteRegistersAgainWithEachNewFile) {
+  TraceHandle h("TraceTestSwitch", true);
+  std::string const first = file("first.flit");
+  std::string const second = file("second.flit");
+  Flitlog::fileIs(first, flit::minFileBytes);
+  uint32_t const generation = Flitlog::generation();
+  tracePeer(h, 1);
+  Flitlog::fileIs(second, flit::minFileBytes);
+  EXPECT_NE(Flitlog::generation(), generation);
+  EXPECT_EQ(Flitlog::file(), second);
+  tracePeer(h, 2);
+  tracePeer(h, 3);
+
+  FlitDecoding a = readFlitlogFile(first);
+  FlitDecoding b = readFlitlogFile(second);
+  ASSERT_TRUE(a.ok()) << a.error;
+  ASSERT_TRUE(b.ok()) << b.error;
+  EXPECT_EQ(textsOf(a), (std::vector<std::string>{"peer 1"}));
+  EXPECT_EQ(textsOf(b), (std::vector<std::string>{"peer 2", "peer 3"}));
+  EXPECT_EQ(b.messages[0].module, "TraceTestSwitch");
+  EXPECT_EQ(b.messages[0].lineText(),
+            "TraceTestSwitch:" + std::to_string(b.messages[0].line) + " peer 2");
+}
+
+std::string wrapText(int i) {
+  return "msg " + std::to_string(i) + " " + std::string(size_t(i % 41), char('a' + i % 26)) + " " +
+         std::to_string(int64_t(i) * 1000000007) + " " + std::to_string(i % 3 - 1) + " " +
+         std::to_string(i) + ".25";
+}
+
+TEST_F(TraceFileTest, WrappedRingKeepsTheNewestMessagesInOrderAndIntact) {
+  TraceHandle h("TraceTestWrap", true);
+  std::string const path = file("wrap.flit");
+  Flitlog::fileIs(path, flit::minFileBytes);
+  int const total = 3000;
+  for (int i = 0; i < total; ++i) {
+    VESK_TRACE(h, 5, "msg ", i, " ", std::string(size_t(i % 41), char('a' + i % 26)), " ",
+               int64_t(i) * 1000000007, " ", i % 3 - 1, " ", i + 0.25);
+  }
+  FlitDecoding d = readFlitlogFile(path);
+  ASSERT_TRUE(d.ok()) << d.error;
+  size_t const kept = d.messages.size();
+  ASSERT_GT(kept, 50u);
+  // The ring went round several times.
+  EXPECT_LT(kept * 4, size_t(total));
+  int const first = total - int(kept);
+  for (size_t k = 0; k < kept; ++k) {
+    ASSERT_EQ(d.messages[k].text, wrapText(first + int(k))) << "message " << k;
+    ASSERT_EQ(d.messages[k].sequence, uint64_t(first) + k);
+  }
+  // The reader sees the same through the live mapping.
+  FlitDecoding live = decodeFlitlog(Flitlog::image());
+  ASSERT_TRUE(live.ok()) << live.error;
+  EXPECT_EQ(textsOf(live), textsOf(d));
+}
+
+TEST_F(TraceFileTest, OversizedTextIsShortenedToFitTheRing) {
+  TraceHandle h("TraceTestBig", true);
+  std::string const path = file("big.flit");
+  Flitlog::fileIs(path, flit::minFileBytes);
+  std::string const big(100000, 'y');
+  VESK_TRACE(h, 5, "big:", big, " n:", 42, " tail:", std::string_view("zz"));
+  VESK_TRACE(h, 5, "after");
+  FlitDecoding d = readFlitlogFile(path);
+  ASSERT_TRUE(d.ok()) << d.error;
+  ASSERT_EQ(d.messages.size(), 2u);
+  std::string const& text = d.messages[0].text;
+  // Fixed payload: two text lengths and one int32.
+  size_t const kept = Flitlog::current().maxPayload() - 3 * 4;
+  EXPECT_EQ(text, "big:" + std::string(kept, 'y') + " n:42 tail:");
+  EXPECT_EQ(d.messages[1].text, "after");
+}
+
+template <int N>
+void numberedSite(TraceHandle& h) {
+  VESK_TRACE(h, 5, "site ", N);
+}
+template <int... N>
+void allNumberedSites(TraceHandle& h, std::integer_sequence<int, N...>) {
+  (numberedSite<N>(h), ...);
+}
+
+TEST_F(TraceFileTest, FullDescriptorAreaDropsOnlyTheLateSites) {
+  TraceHandle h("TraceTestMany", true);
+  std::string const path = file("many.flit");
+  Flitlog::fileIs(path, flit::minFileBytes);
+  int const sites = 200;
+  allNumberedSites(h, std::make_integer_sequence<int, sites>());
+  allNumberedSites(h, std::make_integer_sequence<int, sites>());
+  FlitDecoding d = readFlitlogFile(path);
+  ASSERT_TRUE(d.ok()) << d.error;
+  ASSERT_GT(d.lostDescriptors, 0u);
+  size_t const registered = size_t(sites) - d.lostDescriptors;
+  ASSERT_EQ(d.messages.size(), 2 * registered);
+  for (size_t i = 0; i < d.messages.size(); ++i) {
+    EXPECT_EQ(d.messages[i].text, "site " + std::to_string(i % registered));
+  }
+}
+
+TEST_F(TraceFileTest, MessagesSurviveTheProcessDying) {
+  std::string const path = file("crash.flit");
+  EXPECT_DEATH(
+      {
+        TraceHandle h("TraceTestCrash", true);
+        Flitlog::fileIs(path, flit::minFileBytes);
+        for (int i = 0; i < 500; ++i) VESK_TRACE(h, 5, "before the crash ", i);
+        std::abort();
+      },
+      "");
+  FlitDecoding d = readFlitlogFile(path);
+  ASSERT_TRUE(d.ok()) << d.error;
+  ASSERT_FALSE(d.messages.empty());
+  EXPECT_EQ(d.messages.back().text, "before the crash 499");
+  EXPECT_EQ(d.messages.back().module, "TraceTestCrash");
+}
+
+// ---- damaged files
+
+class DamagedFlitlog : public TraceFileTest {
+ protected:
+  void SetUp() override {
+    TraceHandle h("TraceTestDamage", true);
+    std::string const path = file("damage.flit");
+    Flitlog::fileIs(path, flit::minFileBytes);
+    for (int i = 0; i < 10; ++i) VESK_TRACE(h, 5, "intact ", String("text"), " ", i);
+    auto image = Flitlog::image();
+    image_.assign(image.begin(), image.end());
+    std::memcpy(&header_, image_.data(), sizeof header_);
+  }
+  // The offset in image_ of the oldest message record.
+  size_t oldest() const { return header_.ringOffset + header_.tail % header_.ringBytes; }
+  template <class T>
+  void poke(size_t at, T value) {
+    std::memcpy(image_.data() + at, &value, sizeof value);
+  }
+  FlitDecoding decode() const { return decodeFlitlog(image_); }
+
+  std::vector<std::byte> image_;
+  flit::Header header_;
+};
+
+TEST_F(DamagedFlitlog, IntactImageDecodes) {
+  FlitDecoding d = decode();
+  ASSERT_TRUE(d.ok()) << d.error;
+  EXPECT_EQ(d.messages.size(), 10u);
+}
+
+TEST_F(DamagedFlitlog, HeaderDamageIsReported) {
+  EXPECT_FALSE(decodeFlitlog(std::span<std::byte const>(image_).first(100)).ok());
+  EXPECT_FALSE(decodeFlitlog(std::span<std::byte const>(image_).first(image_.size() / 2)).ok());
+  std::vector<std::byte> zeros(image_.size());
+  EXPECT_FALSE(decodeFlitlog(zeros).ok());
+  poke(offsetof(flit::Header, head), header_.tail + header_.ringBytes + 8);
+  EXPECT_FALSE(decode().ok());
+}
+
+TEST_F(DamagedFlitlog, RecordDamageIsReportedWithTheMessagesBeforeIt) {
+  size_t const second = oldest() + 32;  // each record here is 32 bytes
+  ASSERT_EQ(decode().messages.at(1).text, "intact text 1");
+  poke<uint32_t>(second, 12);  // record length not a multiple of 8
+  FlitDecoding d = decode();
+  EXPECT_FALSE(d.ok());
+  EXPECT_EQ(textsOf(d), (std::vector<std::string>{"intact text 0"}));
+  poke<uint32_t>(second, 32);
+  poke<uint32_t>(second + 4, 999);  // unknown descriptor
+  EXPECT_FALSE(decode().ok());
+  poke<uint32_t>(second + 4, 0);  // padding anywhere but at the end of the ring
+  EXPECT_FALSE(decode().ok());
+  poke<uint32_t>(second + 4, 1);
+  poke<uint32_t>(second + 16, 1000);  // text longer than its record
+  EXPECT_FALSE(decode().ok());
+  poke<uint32_t>(second + 16, 4);
+  EXPECT_TRUE(decode().ok());
+}
+
+TEST_F(DamagedFlitlog, DescriptorDamageIsReported) {
+  size_t const desc = header_.descOffset;
+  poke<uint16_t>(desc + sizeof(flit::DescHeader), 60000);  // module name past the record
+  EXPECT_FALSE(decode().ok());
+}
+
+TEST(FlitlogFiles, UnreadableFileIsAnError) {
+  FlitDecoding d = readFlitlogFile(tempPath("missing.flit"));
+  EXPECT_FALSE(d.ok());
+  EXPECT_NE(d.error.find("missing.flit"), std::string::npos);
+  EXPECT_THROW(Flitlog::fileIs(tempPath("tiny.flit"), 1024), RangeException);
+  EXPECT_THROW(Flitlog::fileIs("/nonexistent-dir/x.flit", flit::minFileBytes), Exception);
+}
+
+}  // namespace
+}  // namespace Vesk

@@ -1,0 +1,108 @@
+#include "framework/Clock.h"
+
+#include <cmath>
+
+#include "framework/Assert.h"
+#include "framework/Exception.h"
+
+namespace Vesk {
+
+// Armed timers hold the clock, so a dying clock has none left.
+Clock::~Clock() { VESK_ASSERT(queue_.empty()); }
+
+Clock::Turn::Turn(Clock* c) : clock_(c) {
+  VESK_ASSERT_MSG(!c->turning_, "a clock's turn started from inside one of its own timers");
+  c->turning_ = true;
+}
+
+Clock::Notifiee* Clock::dueTimerTake(Seconds limit, Seconds& due) {
+  if (queue_.empty() || queue_.front().time > limit) return nullptr;
+  Notifiee* n = queue_.front().timer;
+  due = n->timeMin_;
+  timerDisarm(n);
+  return n;
+}
+
+void Clock::timerArm(Notifiee* n, Seconds t) {
+  n->timeMin_ = t;
+  Entry e{t, nextSeq_++, n};
+  if (n->slot_ == kNoSlot) {
+    queue_.push_back(e);
+    siftUp(queue_.size() - 1, e);
+    return;
+  }
+  // A later arming sequence can only move the entry down among its ties; an earlier time
+  // moves it up.
+  size_t i = n->slot_;
+  if (e < queue_[i]) {
+    siftUp(i, e);
+  } else {
+    siftDown(i, e);
+  }
+}
+
+void Clock::timerDisarm(Notifiee* n) {
+  n->timeMin_ = never;
+  size_t i = n->slot_;
+  if (i == kNoSlot) return;
+  n->slot_ = kNoSlot;
+  Entry last = queue_.back();
+  queue_.pop_back();
+  if (i == queue_.size()) return;
+  if (i > 0 && last < queue_[(i - 1) / 2]) {
+    siftUp(i, last);
+  } else {
+    siftDown(i, last);
+  }
+}
+
+void Clock::entryPlace(size_t i, Entry const& e) {
+  queue_[i] = e;
+  e.timer->slot_ = i;
+}
+
+void Clock::siftUp(size_t i, Entry e) {
+  while (i > 0) {
+    size_t parent = (i - 1) / 2;
+    if (!(e < queue_[parent])) break;
+    entryPlace(i, queue_[parent]);
+    i = parent;
+  }
+  entryPlace(i, e);
+}
+
+void Clock::siftDown(size_t i, Entry e) {
+  size_t const n = queue_.size();
+  for (;;) {
+    size_t child = 2 * i + 1;
+    if (child >= n) break;
+    if (child + 1 < n && queue_[child + 1] < queue_[child]) ++child;
+    if (!(queue_[child] < e)) break;
+    entryPlace(i, queue_[child]);
+    i = child;
+  }
+  entryPlace(i, e);
+}
+
+Clock::Notifiee::~Notifiee() {
+  if (clock_) clock_->timerDisarm(this);
+}
+
+void Clock::Notifiee::notifierIs(Ptr<Clock> const& clock) {
+  if (clock == clock_) return;
+  if (clock_) clock_->timerDisarm(this);
+  // The old clock may die here; this timer no longer refers to it.
+  clock_ = clock;
+}
+
+void Clock::Notifiee::timeMinIs(Seconds t) {
+  if (std::isnan(t)) throwRangeException("a timer's timeMin must not be NaN");
+  if (t == never) {
+    if (clock_) clock_->timerDisarm(this);
+    return;
+  }
+  VESK_ASSERT_MSG(clock_, "a timer armed before it was bound to a clock");
+  clock_->timerArm(this, t);
+}
+
+}  // namespace Vesk

@@ -1,0 +1,126 @@
+// Clock and Clock::Notifiee: virtual or real time, and the timers that wake on it.
+//
+// A machine never sleeps and has no thread of its own: each of its time-outs is a
+// Clock::Notifiee (a timer) bound to the activity's clock. Setting timeMin to a finite time
+// arms the timer; the clock calls onTime() once when its time reaches timeMin, and the timer
+// is disarmed before the call, so a handler that wants to run again re-arms itself.
+//
+// TYPICAL USAGE:
+//   class RetryTimer : public Clock::Notifiee {
+//     void onTime() override { machine_->onRetry(); }
+//   };
+//   timer.notifierIs(currentActivity()->clock());
+//   timer.timeMinIs(timer.notifier()->currentTime() + 5.0);  // arm
+//   timer.timeMinIs(Clock::never);                            // disarm
+//
+// ORDER. Due timers fire in order of timeMin; timers with equal timeMin fire in the order in
+// which they were armed (each finite timeMinIs() takes a new arming sequence number, so
+// setting the same time again moves the timer behind its ties). A timeMin at or before the
+// current time fires on the clock's next turn, never inside timeMinIs().
+//
+// A handler may arm, move, disarm or destroy any timer of the clock, itself included. A
+// timer holds its clock strongly; the clock holds its armed timers only by address, so
+// destroying a timer disarms it.
+//
+// Contract a caller can break (each stops the process): a handler must not start another
+// turn of the clock it runs on (advanceTo, fireDue, ...), and a timer must be bound to a
+// clock before it is armed. A NaN timeMin throws RangeException. An exception thrown by
+// onTime() leaves the turn that called it; the timers still due fire on the next turn.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "framework/Ptr.h"
+#include "framework/PtrInterface.h"
+#include "framework/String.h"
+
+namespace Vesk {
+
+class Clock : public PtrInterface {
+ public:
+  class Notifiee;
+  static constexpr Seconds never = std::numeric_limits<Seconds>::infinity();
+
+  virtual Seconds currentTime() const = 0;
+  // The earliest armed timeMin, or never when no timer is armed.
+  Seconds nextWakeup() const { return queue_.empty() ? never : queue_.front().time; }
+  size_t armedCount() const { return queue_.size(); }
+
+ protected:
+  Clock() = default;
+  ~Clock() override;
+
+  // Marks a turn of the clock: while one exists, another turn stops the process. It also
+  // keeps the clock alive through handlers that drop every other reference to it.
+  class Turn {
+   public:
+    explicit Turn(Clock* c);
+    Turn(Turn const&) = delete;
+    Turn& operator=(Turn const&) = delete;
+    ~Turn() { clock_->turning_ = false; }
+
+   private:
+    Ptr<Clock> clock_;
+  };
+
+  // Removes the earliest timer when its timeMin is at or before `limit` and returns it,
+  // already disarmed, with the time it was armed for in `due`; null when none is due.
+  Notifiee* dueTimerTake(Seconds limit, Seconds& due);
+
+ private:
+  struct Entry {
+    Seconds time;
+    uint64_t seq;
+    Notifiee* timer;
+    bool operator<(Entry const& o) const {
+      return time < o.time || (time == o.time && seq < o.seq);
+    }
+  };
+  static constexpr size_t kNoSlot = size_t(-1);
+
+  void timerArm(Notifiee* n, Seconds t);
+  void timerDisarm(Notifiee* n);
+  void entryPlace(size_t i, Entry const& e);
+  void siftUp(size_t i, Entry e);
+  void siftDown(size_t i, Entry e);
+
+  // A binary min-heap on (time, seq); every timer knows its slot, so disarming or moving
+  // an armed timer costs O(log n).
+  std::vector<Entry> queue_;
+  uint64_t nextSeq_ = 0;
+  bool turning_ = false;
+};
+
+class Clock::Notifiee {
+ public:
+  Notifiee() = default;
+  explicit Notifiee(Ptr<Clock> const& clock) : clock_(clock) {}
+  Notifiee(Notifiee const&) = delete;
+  Notifiee& operator=(Notifiee const&) = delete;
+  virtual ~Notifiee();
+
+  Ptr<Clock> notifier() const { return clock_; }
+  Clock* notifierRaw() const { return clock_.ptr(); }
+  // Binding to another clock (or to none) disarms the timer.
+  void notifierIs(Ptr<Clock> const& clock);
+
+  // never while disarmed, including during onTime() unless the handler re-armed it.
+  Seconds timeMin() const { return timeMin_; }
+  // never disarms; a finite time arms the timer, or moves it when it is armed.
+  void timeMinIs(Seconds t);
+
+  virtual void onTime() {}
+
+ private:
+  friend class Clock;
+  Ptr<Clock> clock_;
+  Seconds timeMin_ = never;
+  size_t slot_ = kNoSlot;
+};
+
+using ClockNotifiee = Clock::Notifiee;
+
+}  // namespace Vesk

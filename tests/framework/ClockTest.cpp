@@ -1,0 +1,394 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "framework/Activity.h"
+#include "framework/Clock.h"
+#include "framework/Exception.h"
+#include "framework/ManualClock.h"
+#include "framework/RealClock.h"
+
+namespace Vesk {
+namespace {
+
+struct Firing {
+  std::string name;
+  Seconds at;
+  bool operator==(Firing const&) const = default;
+};
+using Log = std::vector<Firing>;
+
+std::vector<std::string> names(Log const& log) {
+  std::vector<std::string> out;
+  for (auto const& f : log) out.push_back(f.name);
+  return out;
+}
+
+// Records each firing with the clock's time, then runs its action (which may destroy it).
+class TestTimer : public Clock::Notifiee {
+ public:
+  TestTimer(Ptr<Clock> const& clock, std::string name, Log& log)
+      : Clock::Notifiee(clock), name_(std::move(name)), log_(log) {}
+  std::function<void()> action;
+
+  void onTime() override {
+    log_.push_back({name_, notifier()->currentTime()});
+    if (timeMin() != Clock::never) log_.push_back({name_ + " still armed", timeMin()});
+    // A copy, so that the action may destroy this timer.
+    if (!action) return;
+    auto const run = action;
+    run();
+  }
+
+ private:
+  std::string name_;
+  Log& log_;
+};
+
+class ManualClockTest : public ::testing::Test {
+ protected:
+  Ptr<ManualClock> clock = new ManualClock;
+  Log log;
+  std::unique_ptr<TestTimer> timer(std::string name, Seconds at = Clock::never) {
+    auto t = std::make_unique<TestTimer>(clock, std::move(name), log);
+    t->timeMinIs(at);
+    return t;
+  }
+};
+
+TEST_F(ManualClockTest, TimerFiresExactlyAtItsPeriodAndOnlyWhenArmed) {
+  constexpr Seconds period = 5.0;
+  auto t = timer("t");
+  EXPECT_EQ(t->timeMin(), Clock::never);
+  EXPECT_EQ(clock->nextWakeup(), Clock::never);
+
+  t->timeMinIs(clock->currentTime() + period);
+  EXPECT_EQ(clock->advanceTo(period - 1e-9), 0u);
+  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(clock->advanceTo(period), 1u);
+  EXPECT_EQ(log, (Log{{"t", period}}));
+  EXPECT_EQ(t->timeMin(), Clock::never);
+  EXPECT_EQ(clock->armedCount(), 0u);
+
+  // Re-armed from outside a handler: now + period, not earlier.
+  t->timeMinIs(clock->currentTime() + period);
+  clock->advanceBy(period - 0.25);
+  EXPECT_EQ(log.size(), 1u);
+  clock->advanceBy(0.25);
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_DOUBLE_EQ(log[1].at, 2 * period);
+
+  // Disarmed: no amount of time fires it, until it is armed again.
+  t->timeMinIs(20.0);
+  t->timeMinIs(Clock::never);
+  clock->advanceBy(1e9);
+  EXPECT_EQ(log.size(), 2u);
+  t->timeMinIs(clock->currentTime() + 1);
+  clock->advanceBy(1);
+  EXPECT_EQ(log.size(), 3u);
+}
+
+TEST_F(ManualClockTest, DueTimersFireByTimeThenArmingOrderWithTheClockAtEachTimeMin) {
+  auto late = timer("late", 7.0);
+  auto c = timer("c", 4.0);
+  auto a = timer("a", 4.0);
+  auto early = timer("early", 2.5);
+  auto b = timer("b", 4.0);
+  auto moved = timer("moved", 4.0);
+  auto beyond = timer("beyond", 9.0);
+  // Setting the same time again is a new arming: it goes behind its ties.
+  c->timeMinIs(4.0);
+  // Moving an armed timer earlier, then back among the ties.
+  moved->timeMinIs(1.0);
+  moved->timeMinIs(4.0);
+  EXPECT_EQ(clock->nextWakeup(), 2.5);
+  EXPECT_EQ(clock->armedCount(), 7u);
+
+  EXPECT_EQ(clock->advanceTo(8.0), 6u);
+  EXPECT_EQ(
+      log,
+      (Log{{"early", 2.5}, {"a", 4.0}, {"b", 4.0}, {"c", 4.0}, {"moved", 4.0}, {"late", 7.0}}));
+  EXPECT_EQ(clock->currentTime(), 8.0);
+  EXPECT_EQ(clock->nextWakeup(), 9.0);
+}
+
+TEST_F(ManualClockTest, TimeAtOrBeforeNowFiresOnTheNextTurnNotInsideTimeMinIs) {
+  clock->advanceTo(10.0);
+  auto atNow = timer("atNow", 10.0);
+  auto past = timer("past", 3.0);
+  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(clock->nextWakeup(), 3.0);
+
+  EXPECT_EQ(clock->advanceBy(0), 2u);
+  // Oldest first, and the clock never goes back to reach them.
+  EXPECT_EQ(log, (Log{{"past", 10.0}, {"atNow", 10.0}}));
+  EXPECT_EQ(clock->currentTime(), 10.0);
+}
+
+TEST_F(ManualClockTest, HandlersRearmDisarmAndArmWithinTheSameAdvance) {
+  auto periodic = timer("periodic", 1.0);
+  periodic->action = [&] { periodic->timeMinIs(clock->currentTime() + 1.0); };
+  auto killer = timer("killer", 2.0);
+  auto victim = timer("victim", 2.0);  // ties with killer but armed after it
+  std::unique_ptr<TestTimer> spawned;
+  killer->action = [&] {
+    victim->timeMinIs(Clock::never);
+    spawned = timer("spawned", 2.5);
+  };
+  auto backdated = timer("backdated", 3.5);
+  bool rearmed = false;
+  backdated->action = [&] {
+    if (rearmed) return;
+    rearmed = true;
+    backdated->timeMinIs(0.5);  // already passed: fires at the current time
+  };
+
+  EXPECT_EQ(clock->advanceTo(4.0), 8u);
+  EXPECT_EQ(log, (Log{{"periodic", 1.0},
+                      {"killer", 2.0},
+                      {"periodic", 2.0},
+                      {"spawned", 2.5},
+                      {"periodic", 3.0},
+                      {"backdated", 3.5},
+                      {"backdated", 3.5},
+                      {"periodic", 4.0}}));
+  EXPECT_EQ(periodic->timeMin(), 5.0);
+  EXPECT_EQ(victim->timeMin(), Clock::never);
+  EXPECT_EQ(clock->armedCount(), 1u);
+}
+
+TEST_F(ManualClockTest, HandlersMayDestroyTimersIncludingTheOneFiring) {
+  std::unique_ptr<TestTimer> self = timer("self", 1.0);
+  std::unique_ptr<TestTimer> other = timer("other", 1.0);
+  std::unique_ptr<TestTimer> killer = timer("killer", 0.5);
+  std::unique_ptr<TestTimer> after = timer("after", 2.0);
+  killer->action = [&] { other.reset(); };
+  self->action = [&] { self.reset(); };
+
+  EXPECT_EQ(clock->advanceTo(3.0), 3u);
+  EXPECT_EQ(names(log), (std::vector<std::string>{"killer", "self", "after"}));
+  EXPECT_EQ(self, nullptr);
+  EXPECT_EQ(clock->armedCount(), 0u);
+
+  // Destroying an armed timer outside a turn disarms it too.
+  auto gone = timer("gone", 4.0);
+  EXPECT_EQ(clock->armedCount(), 1u);
+  gone.reset();
+  EXPECT_EQ(clock->nextWakeup(), Clock::never);
+}
+
+TEST(ManualClockLifetime, HandlerMayDropEveryOtherHolderOfTheClock) {
+  long const before = veskLiveAllocations();
+  {
+    Log log;
+    Ptr<ManualClock> clock = new ManualClock;
+    ManualClock* raw = clock.ptr();
+    auto first = std::make_unique<TestTimer>(clock, "first", log);
+    auto last = std::make_unique<TestTimer>(clock, "last", log);
+    first->timeMinIs(1.0);
+    last->timeMinIs(2.0);
+    first->action = [&] { first.reset(); };
+    last->action = [&] {
+      clock = nullptr;
+      last.reset();  // the clock's last reference outside the running turn
+    };
+    EXPECT_EQ(raw->advanceTo(5.0), 2u);
+    EXPECT_EQ(names(log), (std::vector<std::string>{"first", "last"}));
+  }
+  EXPECT_EQ(veskLiveAllocations(), before);
+}
+
+TEST_F(ManualClockTest, RebindingDisarmsAndOtherClocksAreIndependent) {
+  Ptr<ManualClock> other = new ManualClock(100.0);
+  auto t = timer("t", 1.0);
+  t->notifierIs(other);
+  EXPECT_EQ(t->timeMin(), Clock::never);
+  EXPECT_EQ(clock->armedCount(), 0u);
+  t->timeMinIs(101.0);
+  clock->advanceTo(1000.0);
+  EXPECT_TRUE(log.empty());
+  other->advanceBy(1.0);
+  EXPECT_EQ(log, (Log{{"t", 101.0}}));
+
+  t->notifierIs(nullptr);
+  EXPECT_EQ(t->notifier(), nullptr);
+  t->timeMinIs(Clock::never);  // disarming an unbound timer is harmless
+}
+
+TEST_F(ManualClockTest, RunNextStepsFromWakeupToWakeup) {
+  EXPECT_FALSE(clock->runNext());
+  auto a = timer("a", 3.0);
+  auto b = timer("b", 3.0);
+  auto c = timer("c", 8.0);
+  c->action = [&] {
+    if (log.size() < 4) c->timeMinIs(clock->currentTime() + 2.0);
+  };
+  std::vector<Seconds> times;
+  while (clock->runNext()) times.push_back(clock->currentTime());
+  EXPECT_EQ(times, (std::vector<Seconds>{3.0, 8.0, 10.0}));
+  EXPECT_EQ(names(log), (std::vector<std::string>{"a", "b", "c", "c"}));
+}
+
+TEST_F(ManualClockTest, RejectsBadTimesAndSurvivesAThrowingHandler) {
+  clock->advanceTo(5.0);
+  EXPECT_THROW(clock->advanceTo(4.0), RangeException);
+  EXPECT_THROW(clock->advanceBy(-1.0), RangeException);
+  EXPECT_THROW(clock->advanceTo(Clock::never), RangeException);
+  EXPECT_THROW(Ptr<ManualClock>(new ManualClock(Clock::never)), RangeException);
+  auto t = timer("t");
+  EXPECT_THROW(t->timeMinIs(std::numeric_limits<double>::quiet_NaN()), RangeException);
+  EXPECT_EQ(clock->currentTime(), 5.0);
+
+  auto thrower = timer("thrower", 6.0);
+  thrower->action = [] { throw std::runtime_error("boom"); };
+  auto next = timer("next", 6.0);
+  EXPECT_THROW(clock->advanceTo(9.0), std::runtime_error);
+  EXPECT_EQ(clock->currentTime(), 6.0);  // stopped at the failing timer, nothing skipped
+  EXPECT_EQ(names(log), (std::vector<std::string>{"thrower"}));
+  clock->advanceTo(9.0);  // not locked out by the interrupted turn
+  EXPECT_EQ(names(log), (std::vector<std::string>{"thrower", "next"}));
+}
+
+TEST_F(ManualClockTest, AdvancingFromInsideAHandlerStopsTheProcess) {
+  auto t = timer("t", 1.0);
+  t->action = [&] { clock->advanceBy(1.0); };
+  EXPECT_DEATH(clock->advanceTo(2.0), "its own timers");
+}
+
+// Many timers with many ties, re-armed and disarmed at random: the firing order must be
+// exactly (timeMin, last arming) over the timers left armed.
+TEST(ManualClockScale, HundredsOfThousandsOfTimersFireInClockOrder) {
+  struct Rec : Clock::Notifiee {
+    using Clock::Notifiee::Notifiee;
+    void onTime() override { fired->push_back(id); }
+    uint32_t id = 0;
+    std::vector<uint32_t>* fired = nullptr;
+  };
+  constexpr uint32_t n = 200000;
+  Ptr<ManualClock> clock = new ManualClock;
+  std::vector<uint32_t> fired;
+  std::vector<std::unique_ptr<Rec>> timers;
+  // Expected key per timer: (time, arming number); time never when disarmed.
+  std::vector<std::tuple<Seconds, uint64_t, uint32_t>> expect(n);
+  uint64_t armings = 0;
+  uint64_t rng = 12345;
+  auto next = [&rng] {
+    rng = rng * 6364136223846793005ull + 1442695040888963407ull;
+    return uint32_t(rng >> 33);
+  };
+  auto arm = [&](uint32_t i, Seconds t) {
+    timers[i]->timeMinIs(t);
+    expect[i] = {t, armings++, i};
+  };
+  for (uint32_t i = 0; i < n; ++i) {
+    timers.push_back(std::make_unique<Rec>(clock));
+    timers[i]->id = i;
+    timers[i]->fired = &fired;
+    arm(i, Seconds(next() % 1000));
+  }
+  for (uint32_t k = 0; k < n; ++k) {
+    uint32_t i = next() % n;
+    switch (next() % 3) {
+      case 0:
+        arm(i, Seconds(next() % 1000) + 0.5 * (next() % 2));
+        break;
+      case 1:
+        timers[i]->timeMinIs(Clock::never);
+        expect[i] = {Clock::never, 0, i};
+        break;
+      default:
+        break;
+    }
+  }
+  std::sort(expect.begin(), expect.end());
+  std::vector<uint32_t> order;
+  for (auto const& [t, seq, id] : expect) {
+    if (t != Clock::never) order.push_back(id);
+  }
+  EXPECT_EQ(clock->armedCount(), order.size());
+  clock->advanceTo(1000.0);
+  EXPECT_EQ(fired, order);
+  EXPECT_EQ(clock->armedCount(), 0u);
+}
+
+TEST(RealClock, FireDueRunsPastTimersInClockOrderAndLeavesFutureOnes) {
+  Ptr<RealClock> clock = new RealClock;
+  Log log;
+  EXPECT_GE(clock->currentTime(), 0.0);
+  TestTimer late(clock, "late", log), tieA(clock, "tieA", log), tieB(clock, "tieB", log),
+      early(clock, "early", log), future(clock, "future", log);
+  tieA.timeMinIs(-1.0);
+  late.timeMinIs(-0.5);
+  tieB.timeMinIs(-1.0);
+  early.timeMinIs(-3.0);
+  future.timeMinIs(3600.0);
+  // A handler's re-arming for a time already passed still fires in this turn.
+  bool again = true;
+  early.action = [&] {
+    if (again) early.timeMinIs(-0.75);
+    again = false;
+  };
+  EXPECT_EQ(clock->nextWakeup(), -3.0);
+
+  EXPECT_EQ(clock->fireDue(), 5u);
+  EXPECT_EQ(names(log), (std::vector<std::string>{"early", "tieA", "tieB", "early", "late"}));
+  EXPECT_EQ(clock->armedCount(), 1u);
+  EXPECT_EQ(clock->nextWakeup(), 3600.0);
+  EXPECT_EQ(clock->fireDue(), 0u);
+}
+
+TEST(RealClock, WaitAndFireDoesNotWaitForOverdueTimers) {
+  Ptr<RealClock> clock = new RealClock;
+  Log log;
+  TestTimer overdue(clock, "overdue", log);
+  overdue.timeMinIs(-1.0);
+  Seconds const start = clock->currentTime();
+  EXPECT_EQ(clock->waitAndFire(5.0), 1u);
+  EXPECT_LT(clock->currentTime() - start, 1.0);
+  EXPECT_EQ(clock->waitAndFire(0.0), 0u);
+  EXPECT_EQ(clock->waitAndFire(-1.0), 0u);
+}
+
+TEST(Activity, CurrentActivityDefaultsToARealClockAndScopesRestoreThePrevious) {
+  Ptr<Activity> const saved = currentActivity();
+  currentActivityIs(nullptr);
+  Ptr<Activity> fresh = currentActivity();
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_NE(ptr_cast<RealClock>(fresh->clock()), nullptr);
+  EXPECT_EQ(currentActivity(), fresh);
+
+  {
+    ScopedManualActivity outer;
+    EXPECT_EQ(currentActivity(), outer.activity());
+    EXPECT_EQ(currentActivity()->clock(), outer.clock());
+    EXPECT_EQ(outer.clock()->currentTime(), 0.0);
+    {
+      ScopedManualActivity inner(50.0);
+      EXPECT_EQ(currentActivity()->clock()->currentTime(), 50.0);
+    }
+    EXPECT_EQ(currentActivity(), outer.activity());
+
+    // A machine's timer on the current clock.
+    Log log;
+    TestTimer t(currentActivity()->clock(), "t", log);
+    t.timeMinIs(2.0);
+    outer.clock()->advanceBy(2.0);
+    EXPECT_EQ(log, (Log{{"t", 2.0}}));
+  }
+  EXPECT_EQ(currentActivity(), fresh);
+
+  EXPECT_THROW(Ptr<Activity>(new Activity(Ptr<Clock>())), NullParameterException);
+  currentActivityIs(saved);
+}
+
+}  // namespace
+}  // namespace Vesk

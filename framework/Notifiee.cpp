@@ -31,6 +31,12 @@ void NotifieeList::deleteAll() {
   }
 }
 
+void NotifieeList::dormantMemberIs(NotifieeBase* n, bool bound) {
+  auto it = std::find(dormant_.begin(), dormant_.end(), n);
+  if (bound && it == dormant_.end()) dormant_.push_back(n);
+  if (!bound && it != dormant_.end()) dormant_.erase(it);
+}
+
 void NotifieeList::compact() {
   members_.erase(std::remove(members_.begin(), members_.end(), nullptr), members_.end());
   needsCompact_ = false;
@@ -45,12 +51,19 @@ void NotifieeBase::notifierBaseIs(PtrInterface const* n) {
   }
   PtrInterface const* old = notifier_;
   if (old) {
-    if (registered_) old->notifieeList().deleteMember(this);
+    if (registered_) {
+      old->notifieeList().deleteMember(this);
+    } else {
+      old->notifieeList().dormantMemberIs(this, false);
+    }
     registered_ = false;
   }
   notifier_ = n;
   if (n && !weak_) n->newRef();
-  if (n) isRegisteredNotifieeIs(true);
+  if (n) {
+    n->notifieeList().dormantMemberIs(this, true);
+    isRegisteredNotifieeIs(true);
+  }
   // Dropping the old reference last: it may destroy the old notifier.
   if (old && !weak_) old->deleteRef();
 }
@@ -58,11 +71,13 @@ void NotifieeBase::notifierBaseIs(PtrInterface const* n) {
 void NotifieeBase::isRegisteredNotifieeIs(bool b) {
   if (b == registered_ || !notifier_) return;
   registered_ = b;
+  NotifieeList& list = notifier_->notifieeList();
+  list.dormantMemberIs(this, !b);
   if (b) {
-    notifier_->notifieeList().newMember(this);
+    list.newMember(this);
     onRegistered();
   } else {
-    notifier_->notifieeList().deleteMember(this);
+    list.deleteMember(this);
   }
 }
 

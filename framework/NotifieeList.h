@@ -13,6 +13,7 @@
 // which is called inside the catch block and may rethrow it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -33,8 +34,35 @@ class NotifieeList {
 
   void newMember(NotifieeBase* n);
   void deleteMember(NotifieeBase* n);
-  // Unbinds every member from this list (used when the notifier dies).
   void deleteAll();
+
+  // Notifiees bound to the notifier but not registered for notifications. They are not
+  // called by visits, but they too must learn of the notifier's last reference and death.
+  void dormantMemberIs(NotifieeBase* n, bool bound);
+
+  // Calls f for every bound notifiee, registered or not; f may unbind any of them.
+  template <class F>
+  void forEachBound(F&& f) {
+    VisitGuard guard(*this);
+    uint32_t const end = uint32_t(members_.size());
+    for (uint32_t i = 0; i < end; ++i) {
+      if (members_[i]) f(members_[i]);
+    }
+    std::vector<NotifieeBase*> dormant = dormant_;
+    for (NotifieeBase* n : dormant) {
+      if (std::find(dormant_.begin(), dormant_.end(), n) != dormant_.end()) f(n);
+    }
+  }
+  // Calls f for every bound notifiee and forgets them all (the notifier is dying).
+  template <class F>
+  void detachAll(F&& f) {
+    for (NotifieeBase* n : members_) {
+      if (n) f(n);
+    }
+    for (NotifieeBase* n : dormant_) f(n);
+    dormant_.clear();
+    deleteAll();
+  }
 
   template <class N, class F>
   void doVisit(F&& f) {
@@ -64,6 +92,7 @@ class NotifieeList {
   void compact();
 
   std::vector<NotifieeBase*> members_;
+  std::vector<NotifieeBase*> dormant_;
   uint32_t live_ = 0;
   uint16_t depth_ = 0;
   bool needsCompact_ = false;

@@ -29,23 +29,21 @@ void veskMemFree(void* p) noexcept {
 long veskLiveAllocations() { return liveAllocations.load(std::memory_order_relaxed); }
 
 PtrInterface::~PtrInterface() {
-  for (uint32_t i = 0; i < notifiees_.slots(); ++i) {
-    if (NotifieeBase* n = notifiees_.member(i)) n->detachFromDyingNotifier();
-  }
-  notifiees_.deleteAll();
+  notifiees_.detachAll([](NotifieeBase* n) { n->detachFromDyingNotifier(); });
 }
 
 void PtrInterface::handleZeroRef() {
+  // A weak holder's handler may take and drop a reference of its own; that drop lands here
+  // again while the first run is telling the holders, and must neither recurse nor delete.
+  if (zeroReferences()) return;
   zeroReferencesIs(true);
-  // Weak holders learn that the notifier is going; a handler may take a new strong
-  // reference, which keeps the object alive.
-  notifiees_.doVisit<NotifieeBase>([](NotifieeBase* n) {
+  // Weak holders learn that the notifier is going, registered for notifications or not; a
+  // handler may take a new strong reference, which keeps the object alive.
+  notifiees_.forEachBound([](NotifieeBase* n) {
     if (n->isWeakReference()) n->onZeroReferences();
   });
-  if (references() != 0) {
-    zeroReferencesIs(false);
-    return;
-  }
+  zeroReferencesIs(false);
+  if (references() != 0) return;
   delete this;
 }
 

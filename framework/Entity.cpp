@@ -25,7 +25,8 @@ String Entity::fullName() const {
 String Entity::uriPath() const {
   static char const hex[] = "0123456789ABCDEF";
   std::string out;
-  for (unsigned char c : fullName().view()) {
+  String const path = fullName();  // the loop must not outlive its string
+  for (unsigned char c : path.view()) {
     bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                  c == '-' || c == '_' || c == '.' || c == '~' || c == '/';
     if (plain) {

@@ -1,7 +1,9 @@
 // NotifieeList: the registered notifiees (reactors) of one notifier.
 //
-// TYPICAL USAGE (inside a generated mutator, after the new value is stored):
-//   notifieeList().doVisit<Foo::NotifieeConst>([&](auto* n) { n->onBar(); });
+// TYPICAL USAGE (inside a generated mutator, after the new value is stored), through the
+// notifier's notify(), which keeps the notifier alive for the visit:
+//   notify<Foo::NotifieeConst>([&](auto* n) { n->onBar(); });
+// Calling doVisit directly is only safe where no handler can drop the last reference.
 //
 // A visit calls every member present when it starts, in list order. A handler may add or
 // remove members, and may start further visits on this or other notifiers (re-entrant,

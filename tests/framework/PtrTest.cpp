@@ -1,0 +1,361 @@
+#include "framework/Ptr.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <latch>
+#include <set>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "framework/Entity.h"
+#include "framework/LiveCount.h"
+#include "framework/PtrInterface.h"
+#include "framework/Reflection.h"
+#include "tests/framework/TestNotifier.h"
+
+namespace Vesk::test {
+namespace {
+
+// A second, unrelated entity type, for casts that must fail.
+class Other : public Entity {
+ public:
+  static Ptr<Other> otherNew() { return new Other; }
+
+ private:
+  Other() : Entity(Name("other")) {}
+};
+
+template <class P>
+concept CanSetValue = requires(P p) {
+  p->valueIs(1);
+};
+
+static_assert(CanSetValue<Ptr<Counter>>);
+static_assert(!CanSetValue<Ptr<Counter const>>);
+static_assert(std::is_convertible_v<Ptr<Counter>, Ptr<Counter const>>);
+static_assert(std::is_convertible_v<Ptr<Counter>, Ptr<Entity>>);
+static_assert(std::is_convertible_v<Ptr<Counter const>, Ptr<Entity const>>);
+static_assert(!std::is_convertible_v<Ptr<Counter const>, Ptr<Counter>>);
+static_assert(!std::is_convertible_v<Ptr<Entity>, Ptr<Counter>>);
+static_assert(!std::is_convertible_v<Ptr<Other>, Ptr<Counter>>);
+
+// ---------------------------------------------------------------------------------------
+// Reference counts.
+
+TEST(PtrCount, CopyMoveAndConversionEachMoveTheCountExactly) {
+  Ptr<Counter> a = Counter::counterNew("a");
+  EXPECT_EQ(a->references(), 1u);
+
+  Ptr<Counter> copy = a;
+  EXPECT_EQ(a->references(), 2u);
+  Ptr<Counter> moved = std::move(copy);
+  EXPECT_EQ(copy, nullptr);
+  EXPECT_EQ(a->references(), 2u);
+
+  Ptr<Entity> base = a;
+  EXPECT_EQ(a->references(), 3u);
+  Ptr<Entity> movedBase = std::move(moved);
+  EXPECT_EQ(moved, nullptr);
+  EXPECT_EQ(a->references(), 3u);
+
+  Ptr<Counter const> view = a;
+  Ptr<Entity const> constBase = view;
+  EXPECT_EQ(a->references(), 5u);
+
+  Ptr<Counter> assigned;
+  assigned = a;
+  EXPECT_EQ(a->references(), 6u);
+  Ptr<Entity> assignedBase;
+  assignedBase = std::move(assigned);
+  EXPECT_EQ(assigned, nullptr);
+  EXPECT_EQ(a->references(), 6u);
+  assignedBase = a;  // replaces a reference to the same object
+  EXPECT_EQ(a->references(), 6u);
+  assignedBase = nullptr;
+  base = nullptr;
+  movedBase = nullptr;
+  view = nullptr;
+  constBase = nullptr;
+  EXPECT_EQ(a->references(), 1u);
+}
+
+TEST(PtrCount, AssigningAPointerToItselfKeepsTheObject) {
+  long const before = liveObjects<Counter>();
+  Ptr<Counter> a = Counter::counterNew("a");
+  Ptr<Counter>& alias = a;
+  a = alias;
+  EXPECT_EQ(a->references(), 1u);
+  a = std::move(alias);
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ(a->references(), 1u);
+  a = a.ptr();
+  EXPECT_EQ(a->references(), 1u);
+  a->valueIs(1);  // still a live object
+  EXPECT_EQ(liveObjects<Counter>(), before + 1);
+}
+
+TEST(PtrCount, ARawPointerCanBeWrappedAgainAtAnyTime) {
+  Ptr<Counter> a = Counter::counterNew("a");
+  Counter* raw = a.ptr();
+  {
+    Ptr<Counter> again(raw);
+    EXPECT_EQ(a->references(), 2u);
+  }
+  EXPECT_EQ(a->references(), 1u);
+}
+
+TEST(PtrCount, ReleaseGivesUpOwnershipWithoutDroppingTheReference) {
+  long const before = liveObjects<Counter>();
+  Ptr<Counter> a = Counter::counterNew("a");
+  Counter* raw = a.release();
+  EXPECT_EQ(a, nullptr);
+  EXPECT_EQ(raw->references(), 1u);
+  EXPECT_EQ(liveObjects<Counter>(), before + 1);
+  raw->deleteRef();
+  EXPECT_EQ(liveObjects<Counter>(), before);
+}
+
+TEST(PtrCount, TheLastReferenceDeletesTheObjectThroughTheFrameworkAllocator) {
+  long const objects = liveObjects<Counter>();
+  long const allocations = veskLiveAllocations();
+  {
+    Ptr<Counter> a = Counter::counterNew("a");
+    Ptr<Entity> b = a;
+    EXPECT_EQ(liveObjects<Counter>(), objects + 1);
+    EXPECT_EQ(veskLiveAllocations(), allocations + 1);
+    a = nullptr;
+    EXPECT_EQ(liveObjects<Counter>(), objects + 1);
+  }
+  EXPECT_EQ(liveObjects<Counter>(), objects);
+  EXPECT_EQ(veskLiveAllocations(), allocations);
+}
+
+TEST(PtrCount, CountsStayExactWhenTwoThreadsCopyOnePointer) {
+  threadSafePointers_ = true;
+  long const before = liveObjects<Counter>();
+  constexpr int kCopies = 20000;
+  {
+    Ptr<Counter> shared = Counter::counterNew("shared");
+    std::latch full(3);
+    std::latch release(1);
+    auto work = [&] {
+      std::vector<Ptr<Counter>> held;
+      held.reserve(kCopies);
+      for (int i = 0; i < kCopies; ++i) {
+        held.push_back(shared);
+        Ptr<Counter const> transient = shared;  // one more up and down per step
+      }
+      full.count_down();
+      release.wait();
+    };
+    std::thread one(work), two(work);
+    full.arrive_and_wait();
+    EXPECT_EQ(shared->references(), 1u + 2u * kCopies);
+    release.count_down();
+    one.join();
+    two.join();
+    EXPECT_EQ(shared->references(), 1u);
+  }
+  EXPECT_EQ(liveObjects<Counter>(), before);
+  threadSafePointers_ = false;
+}
+
+// ---------------------------------------------------------------------------------------
+// Casts and comparisons.
+
+TEST(PtrCast, DynamicCastFindsTheTypeOrGivesNullWithoutLeakingACount) {
+  Ptr<Counter> a = Counter::counterNew("a");
+  Ptr<Entity> base = a;
+  Ptr<Counter> back = ptr_cast<Counter>(base);
+  EXPECT_EQ(back, a);
+  EXPECT_EQ(a->references(), 3u);
+
+  Ptr<Other> wrong = ptr_cast<Other>(base);
+  EXPECT_EQ(wrong, nullptr);
+  EXPECT_EQ(a->references(), 3u);
+  EXPECT_EQ(ptr_cast<Counter>(Ptr<Entity>()), nullptr);
+
+  Ptr<Counter const> view = ptr_cast<Counter const>(Ptr<Entity const>(a));
+  EXPECT_EQ(view, a);
+  EXPECT_EQ(a->references(), 4u);
+}
+
+TEST(PtrCast, StaticAndConstCastsShareTheObject) {
+  Ptr<Counter> a = Counter::counterNew("a");
+  Ptr<Counter> down = static_ptr_cast<Counter>(Ptr<Entity>(a));
+  Ptr<Counter> writable = const_ptr_cast<Counter>(Ptr<Counter const>(a));
+  EXPECT_EQ(down, a);
+  EXPECT_EQ(writable, a);
+  EXPECT_EQ(a->references(), 3u);
+  writable->valueIs(2);
+  EXPECT_EQ(a->value(), 2);
+}
+
+TEST(PtrCompare, EqualityAcrossTypesAndAStrictOrderForSets) {
+  Ptr<Counter> a = Counter::counterNew("a");
+  Ptr<Counter> b = Counter::counterNew("b");
+  Ptr<Entity const> aView = a;
+  EXPECT_TRUE(a == aView);
+  EXPECT_FALSE(a == b);
+  EXPECT_TRUE(a == a.ptr());
+  EXPECT_TRUE(Ptr<Counter>() == nullptr);
+  EXPECT_FALSE(a == nullptr);
+  EXPECT_TRUE(bool(a));
+  EXPECT_TRUE(!Ptr<Counter>());
+
+  EXPECT_NE(a < b, b < a);
+  EXPECT_FALSE(a < aView);
+  std::set<Ptr<Counter>> set{a, b, a};
+  EXPECT_EQ(set.size(), 2u);
+}
+
+// ---------------------------------------------------------------------------------------
+// Live counts per type.
+
+TEST(LiveCount, CountsFollowEachTypeAndAreListedUnderTheirReadableName) {
+  long const counters = liveObjects<Counter>();
+  long const others = liveObjects<Other>();
+  {
+    Ptr<Counter> a = Counter::counterNew("a");
+    Ptr<Counter> b = a->childNew("b");
+    EXPECT_EQ(liveObjects<Counter>(), counters + 2);
+    EXPECT_EQ(liveObjects<Other>(), others);
+
+    auto all = liveObjectCounts();
+    auto it = std::find_if(all.begin(), all.end(),
+                           [](auto const& e) { return e.first == "Vesk::test::Counter"; });
+    ASSERT_NE(it, all.end());
+    EXPECT_EQ(it->second, counters + 2);
+  }
+  EXPECT_EQ(liveObjects<Counter>(), counters);
+}
+
+// ---------------------------------------------------------------------------------------
+// The entity tree: names, parents, paths.
+
+TEST(EntityTree, FullNameIsThePathOfNamesFromTheRoot) {
+  Ptr<Counter> root = Counter::counterNew("root");
+  Ptr<Counter> child = root->childNew("child");
+  Ptr<Counter> leaf = child->childNew("leaf");
+  EXPECT_EQ(root->fullName(), "/root");
+  EXPECT_EQ(child->fullName(), "/root/child");
+  EXPECT_EQ(leaf->fullName(), "/root/child/leaf");
+  EXPECT_EQ(leaf->parent(), child);
+  EXPECT_EQ(child->parentAttrName(), "child");
+  EXPECT_EQ(root->parentAttrName(), "");
+  // A child does not hold its parent.
+  EXPECT_EQ(root->references(), 1u);
+}
+
+TEST(EntityTree, ParentIsClearedWhenTheOwningCollectionLetsTheChildGo) {
+  Ptr<Counter> root = Counter::counterNew("root");
+  Ptr<Counter> child = root->childNew("child");
+  root->childDel("child");
+  EXPECT_EQ(root->children(), 0u);
+  EXPECT_EQ(child->parent(), nullptr);
+  EXPECT_EQ(child->fullName(), "/child");
+  EXPECT_EQ(child->references(), 1u);
+}
+
+TEST(EntityTree, ParentIsClearedWhenTheParentItselfGoes) {
+  long const before = liveObjects<Counter>();
+  Ptr<Counter> child;
+  {
+    Ptr<Counter> root = Counter::counterNew("root");
+    child = root->childNew("child");
+  }
+  EXPECT_EQ(liveObjects<Counter>(), before + 1);
+  EXPECT_EQ(child->parentRaw(), nullptr);
+  EXPECT_EQ(child->fullName(), "/child");
+}
+
+TEST(EntityTree, PathsResolveThroughEntityCollectionsAndReferences) {
+  Ptr<Counter> root = Counter::counterNew("root");
+  Ptr<Counter> child = root->childNew("c1");
+  Ptr<Counter> leaf = child->childNew("c2");
+
+  EXPECT_EQ(root->entity("child/c1"), child);
+  EXPECT_EQ(root->entity("child/c1/child/c2"), leaf);
+  EXPECT_EQ(root->entity("/child//c1/"), child);
+  EXPECT_EQ(root->entity(""), root);
+  EXPECT_EQ(leaf->entity("parent/parent"), root);
+  EXPECT_EQ(leaf->entity("parent/child/c2"), leaf);
+
+  EXPECT_EQ(root->entity("child"), nullptr);          // a collection needs a key
+  EXPECT_EQ(root->entity("child/missing"), nullptr);  // no such member
+  EXPECT_EQ(root->entity("value"), nullptr);          // a scalar is not an entity
+  EXPECT_EQ(root->entity("name"), nullptr);
+  EXPECT_EQ(root->entity("nothing/c1"), nullptr);
+  EXPECT_EQ(root->entity("parent"), nullptr);  // the root has none
+}
+
+// ---------------------------------------------------------------------------------------
+// Type descriptions.
+
+TEST(TypeDescription, OwnAttributesByNameAndIdFollowTheCommonOnes) {
+  Ptr<Counter> c = Counter::counterNew("c");
+  TypeDescription const& type = c->veskTypeDescription();
+  EXPECT_STREQ(c->veskTypeName(), "Vesk::test::Counter");
+
+  AttributeDescription const* value = type.attribute("value");
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(value->id, firstOwnAttributeId);
+  EXPECT_EQ(type.attribute(firstOwnAttributeId), value);
+  ASSERT_NE(type.attribute("child"), nullptr);
+  EXPECT_EQ(type.attribute("child")->id, Counter::kChildAttr);
+  EXPECT_EQ(type.attribute(Counter::kChildAttr)->kind, AttributeKind::entityCollection);
+
+  EXPECT_EQ(type.attribute("nothing"), nullptr);
+  EXPECT_EQ(type.attribute(252u), nullptr);
+  EXPECT_EQ(type.attribute(Counter::kChildAttr + 1), nullptr);
+}
+
+TEST(TypeDescription, EveryEntityHasTheCommonAttributes253To257) {
+  Ptr<Counter> root = Counter::counterNew("root");
+  Ptr<Counter> child = root->childNew("a b");
+  char const* const names[] = {"name", "fullName", "parent", "parentAttrName", "entity"};
+  for (TypeDescription const* type :
+       {&child->veskTypeDescription(), &root->Entity::veskTypeDescription()}) {
+    for (uint32_t id = 253; id <= 257; ++id) {
+      AttributeDescription const* byId = type->attribute(id);
+      ASSERT_NE(byId, nullptr) << id;
+      EXPECT_STREQ(byId->name, names[id - 253]);
+      EXPECT_EQ(type->attribute(names[id - 253]), byId);
+    }
+  }
+  TypeDescription const& type = child->veskTypeDescription();
+  EXPECT_EQ(type.attribute("name")->get(*child), "a b");
+  EXPECT_EQ(type.attribute("fullName")->get(*child), "/root/a b");
+  EXPECT_EQ(type.attribute("parent")->get(*child), "/root");
+  EXPECT_EQ(type.attribute("parent")->get(*root), "");
+  EXPECT_EQ(type.attribute("parentAttrName")->get(*child), "child");
+}
+
+// The entity attribute is the percent-encoded full path.
+TEST(TypeDescription, EntityAttributeIsThePercentEncodedPath) {
+  Ptr<Counter> root = Counter::counterNew("root");
+  Ptr<Counter> child = root->childNew("a b");
+  EXPECT_EQ(child->uriPath(), "/root/a%20b");
+  EXPECT_EQ(child->veskTypeDescription().attribute("entity")->get(*child), "/root/a%20b");
+}
+
+TEST(TypeDescription, GenericAccessReadsAndSetsThroughTheTable) {
+  Ptr<Counter> c = Counter::counterNew("c");
+  AttributeDescription const* value = c->veskTypeDescription().attribute("value");
+  EXPECT_TRUE(value->set(*c, "42"));
+  EXPECT_EQ(c->value(), 42);
+  EXPECT_FALSE(value->set(*c, "4x"));
+  EXPECT_EQ(value->get(*c), "42");
+
+  c->memberIs("k", 3);
+  std::vector<std::pair<std::string, std::string>> seen;
+  c->veskTypeDescription().attribute("member")->forEach(*c, [&](String const& k, String const& v) {
+    seen.emplace_back(k.stdString(), v.stdString());
+  });
+  EXPECT_EQ(seen, (std::vector<std::pair<std::string, std::string>>{{"k", "3"}}));
+}
+
+}  // namespace
+}  // namespace Vesk::test

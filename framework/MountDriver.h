@@ -13,6 +13,7 @@
 // is still being constructed then).
 #pragma once
 
+#include <iosfwd>
 #include <memory>
 #include <vector>
 
@@ -32,6 +33,7 @@ class MountDriver {
 };
 
 char const* requestName(MountDriver::Request r);
+std::ostream& operator<<(std::ostream& os, MountDriver::Request r);
 
 class RecordingMountDriver : public MountDriver {
  public:
@@ -40,6 +42,9 @@ class RecordingMountDriver : public MountDriver {
     Vesk::String path;
     Request request;
     bool operator==(Record const&) const = default;
+    friend std::ostream& operator<<(std::ostream& os, Record const& r) {
+      return os << r.system << " " << r.path << " " << r.request;
+    }
   };
 
   void onRequest(MountSm& sm, Request request) override;

@@ -29,6 +29,10 @@ char const* requestName(MountDriver::Request r) {
   return "?";
 }
 
+std::ostream& operator<<(std::ostream& os, MountDriver::Request r) {
+  return os << requestName(r);
+}
+
 void RecordingMountDriver::onRequest(MountSm& sm, Request request) {
   records_.push_back(Record{sm.system().stringValue(), sm.path(), request});
 }

@@ -151,6 +151,7 @@ void MounterConfigSm::systemFilterIs(Vesk::Ptr<MountFilterSystem const> const& f
     systemFilterReactor_->notifierIs(filter);
   }
   handleIncludedSystem();
+  filtersReplaced();
 }
 
 void MounterConfigSm::versionFilterIs(Vesk::Ptr<MountFilterServiceVersion const> const& filter) {
@@ -168,6 +169,14 @@ void MounterConfigSm::versionFilterIs(Vesk::Ptr<MountFilterServiceVersion const>
     versionFilterReactor_->notifierIs(filter);
   }
   handleIncludedServiceVersion();
+  filtersReplaced();
+}
+
+// A group that gains or loses a filter may change whether the entry is a wildcard mount,
+// which the union filters alone do not show.
+void MounterConfigSm::filtersReplaced() {
+  mountsRegistryEntrySm_->evaluateMounters();
+  mountsRegistryEntrySm_->handleSwitchConnection();
 }
 
 void MounterConfigSm::handleIncludedSystem(Vesk::String const& system) {

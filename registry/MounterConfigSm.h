@@ -50,6 +50,7 @@ class MounterConfigSm : public Vesk::PtrInterface {
   class VersionFilterReactor;
 
   Vesk::String entryPath() const;
+  void filtersReplaced();
   void removeStatusRecords();
 
   Vesk::Ptr<Mounter> const mounter_;

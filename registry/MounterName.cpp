@@ -40,7 +40,7 @@ bool consume(std::string_view& text, std::string_view expected) {
 
 }  // namespace
 
-MounterName::MounterName(char const* begin, char const* end) {
+MounterName::MounterName(FromText, char const* begin, char const* end) {
   stringValueIs(Vesk::String(begin, size_t(end - begin)));
 }
 

@@ -17,8 +17,10 @@ class MounterName {
   MounterName() = default;
   MounterName(Vesk::String serviceName, Vesk::String groupName)
       : serviceName_(std::move(serviceName)), groupName_(std::move(groupName)) {}
-  // Parses the string form in [begin, end); an unparsable text gives the empty name.
-  MounterName(char const* begin, char const* end);
+  // Parses the string form in [begin, end); an unparsable text gives the empty name. The
+  // tag keeps two character strings from being taken for a range.
+  struct FromText {};
+  MounterName(FromText, char const* begin, char const* end);
 
   Vesk::String const& serviceName() const { return serviceName_; }
   Vesk::String const& groupName() const { return groupName_; }

@@ -420,6 +420,7 @@ void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
 // ---- writing results into the services' mount status --------------------------------------
 
 void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state) {
+  if (cleaningUp_) return;  // the mounters have taken their status records down
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateMountersStatus", " mount state:", state,
              " connection:", systemId.stringValue());
   for (auto const& [key, m] : registryEntry_->mounterMembers()) {
@@ -488,6 +489,7 @@ void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig c
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
+  if (cleaningUp_) return;
   Vesk::String system = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateSystemStatus", " connection:", system);
   Vesk::Ptr<PeerTable const> peers = peerTable();

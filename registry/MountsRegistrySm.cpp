@@ -236,6 +236,11 @@ void MountsRegistrySm::doCleanup() {
   peerTableReactor_.reset();
   mountsRegistryEntrySm_.cleanupAndDelAll();
   connectionServiceStatusDirSm_.cleanupAndDelAll();
+  if (peerTable_ && controllerdbPublishStatus_) {
+    for (auto const& [systemId, peer] : peerTable_->peerMembers()) {
+      controllerdbPublishStatus_->systemDel(systemId);
+    }
+  }
 }
 
 }  // namespace Controller

@@ -235,7 +235,8 @@ void emitCollectionCommon(Context const& c, Sections& out, std::string const& st
       v);
   out.members += fill("  Vesk::HashMap<{{K}}, {{S}}> {{a}}_;\n", v);
   out.cppDefs += fill(R"(void {{QT}}::{{a}}Del({{K}} const& k) {
-  if ({{a}}_.erase(k)) {{a}}Notify(k);
+  {{K}} const key = k;  // k may be the member's own key, which the erase destroys
+  if ({{a}}_.erase(key)) {{a}}Notify(key);
 }
 
 void {{QT}}::{{a}}DelAll() {

@@ -1,0 +1,290 @@
+// The registry's own model: mount entries and their mounters, publish entries with their
+// remote path and filters, the per-service ready flag, MounterName and proxy service names.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "framework/Dir.h"
+#include "framework/Exception.h"
+#include "framework/HashMap.h"
+#include "registry/MounterName.h"
+#include "registry/MountsRegistry.h"
+
+namespace Controller {
+namespace {
+
+using Vesk::Ptr;
+using Calls = std::vector<std::string>;
+
+// The text of the name-in-use failure f throws, or a marker when it throws none.
+template <class F>
+std::string nameInUseText(F&& f) {
+  try {
+    f();
+  } catch (Vesk::NameInUseException const& e) {
+    return e.what();
+  }
+  return "<no failure>";
+}
+
+std::string refused(std::string const& fullName, std::string const& attr,
+                    std::string const& newValue, std::string const& oldValue) {
+  return "Reinstantiating the entity with fullName " + fullName +
+         " where constructor parameter attribute '" + attr + "' has a different value of " +
+         newValue + " than the current value of " + oldValue + " not allowed";
+}
+
+// Two string literals would select MounterName's (begin, end) parsing constructor.
+MounterName nameOf(char const* serviceName, char const* groupName) {
+  return MounterName(Vesk::String(serviceName), Vesk::String(groupName));
+}
+
+struct RegistryLog : MountsRegistry::NotifieeConst {
+  Calls calls;
+  void onMountEntry(Vesk::Name const& k) override {
+    calls.push_back("mountEntry:" + k.stdString());
+  }
+  void onPublishEntry(Vesk::Name const& k) override {
+    calls.push_back("publishEntry:" + k.stdString());
+  }
+  void onServicePublishReady(Vesk::String const& k) override {
+    calls.push_back("servicePublishReady:" + k.stdString());
+  }
+};
+struct EntryLog : MountsRegistryEntry::NotifieeConst {
+  Calls calls;
+  void onMounter(Vesk::String const& k) override { calls.push_back("mounter:" + k.stdString()); }
+};
+struct PublishEntryLog : PublishRegistryEntry::NotifieeConst {
+  Calls calls;
+  void onRemotePath() override { calls.push_back("remotePath"); }
+  void onVersionFilter() override { calls.push_back("versionFilter"); }
+  void onSystemFilter() override { calls.push_back("systemFilter"); }
+};
+
+class RegistryModel : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    log.notifierIs(registry);
+    log.calls.clear();  // drop the immediate notifications of registration
+  }
+  void TearDown() override { log.notifierIs(nullptr); }
+
+  Ptr<Vesk::Dir> root = Vesk::dirFactory("root");
+  Ptr<MountsRegistry> registry =
+      new MountsRegistry("reg", root->subdirIs("registry"), "registry", root, "/remote", 3, 5.0);
+  RegistryLog log;
+};
+
+TEST_F(RegistryModel, MountEntryIsComparesTargetPathVeskTypeAndFlagsInThatOrder) {
+  auto entry = registry->mountEntryIs("e", "/mnt/e", "Vesk::Dir", "ro");
+  EXPECT_EQ(registry->mountEntryIs("e", "/mnt/e", "Vesk::Dir", "ro"), entry);
+  EXPECT_EQ(log.calls, (Calls{"mountEntry:e"}));
+  EXPECT_EQ(entry->registry(), registry.ptr());
+
+  EXPECT_EQ(nameInUseText([&] { registry->mountEntryIs("e", "/mnt/x", "Other", "rw"); }),
+            refused("/reg/e", "targetPath", "/mnt/x", "/mnt/e"));
+  EXPECT_EQ(nameInUseText([&] { registry->mountEntryIs("e", "/mnt/e", "Other", "rw"); }),
+            refused("/reg/e", "veskType", "Other", "Vesk::Dir"));
+  EXPECT_EQ(nameInUseText([&] { registry->mountEntryIs("e", "/mnt/e", "Vesk::Dir", "rw"); }),
+            "Reinstantiating the entity with fullName /reg/e where constructor parameter "
+            "attribute 'mountFlags' has a different value of rw than the current value of ro "
+            "not allowed");
+  EXPECT_EQ(log.calls, (Calls{"mountEntry:e"}));
+  EXPECT_EQ(registry->mountEntrySize(), 1u);
+
+  registry->mountEntryIs("f", "/mnt/f", "Vesk::Dir", "ro");
+  EXPECT_EQ(log.calls, (Calls{"mountEntry:e", "mountEntry:f"}));
+}
+
+class PublishEntries : public RegistryModel {
+ protected:
+  Ptr<ServicePublishConfig> service = servicePublishConfigFactory("agent");
+  Ptr<MountFilterServiceVersion const> v1 = service->versionFilterIs("v1");
+  Ptr<MountFilterServiceVersion const> v2 = service->versionFilterIs("v2");
+  Ptr<MountFilterSystem const> s1 = service->systemFilterIs("s1");
+  Ptr<MountFilterSystem const> s2 = service->systemFilterIs("s2");
+};
+
+TEST_F(PublishEntries, ARefusedRedeclarationKeepsTheNewRemotePathButNotTheNewFilters) {
+  auto entry = registry->publishEntryIs("p", "/remote/a", "svc", false, "Vesk::Dir", v1, s1);
+  EXPECT_EQ(log.calls, (Calls{"publishEntry:p"}));
+  EXPECT_EQ(entry->remotePath(), "/remote/a");
+  EXPECT_EQ(entry->versionFilter(), v1);
+  EXPECT_EQ(entry->systemFilter(), s1);
+  PublishEntryLog entryLog;
+  entryLog.notifierIs(entry);
+
+  // Every constructor value differs: isPrefixPath is compared first.
+  EXPECT_EQ(nameInUseText([&] {
+              registry->publishEntryIs("p", "/remote/b", "other", true, "Other", v2, s2);
+            }),
+            refused("/reg/p", "isPrefixPath", "true", "false"));
+  EXPECT_EQ(entry->remotePath(), "/remote/b");
+  EXPECT_EQ(nameInUseText([&] {
+              registry->publishEntryIs("p", "/remote/c", "other", false, "Other", v2, s2);
+            }),
+            refused("/reg/p", "serviceName", "other", "svc"));
+  EXPECT_EQ(nameInUseText(
+                [&] { registry->publishEntryIs("p", "/remote/c", "svc", false, "Other", v2, s2); }),
+            "Reinstantiating the entity with fullName /reg/p where constructor parameter "
+            "attribute 'veskType' has a different value of Other than the current value of "
+            "Vesk::Dir not allowed");
+  EXPECT_EQ(entry->remotePath(), "/remote/c");
+  EXPECT_EQ(entry->versionFilter(), v1);
+  EXPECT_EQ(entry->systemFilter(), s1);
+  EXPECT_EQ(entryLog.calls, (Calls{"remotePath", "remotePath"}));
+
+  EXPECT_EQ(registry->publishEntryIs("p", "/remote/d", "svc", false, "Vesk::Dir", v2, s2), entry);
+  EXPECT_EQ(entry->remotePath(), "/remote/d");
+  EXPECT_EQ(entry->versionFilter(), v2);
+  EXPECT_EQ(entry->systemFilter(), s2);
+  EXPECT_EQ(entryLog.calls,
+            (Calls{"remotePath", "remotePath", "remotePath", "versionFilter", "systemFilter"}));
+  EXPECT_EQ(log.calls, (Calls{"publishEntry:p"}));  // only the creation is announced
+  entryLog.notifierIs(nullptr);
+}
+
+TEST_F(PublishEntries, ANewEntryIsAnnouncedOnceWithItsPathAndFiltersAlreadySet) {
+  struct Checking : MountsRegistry::NotifieeConst {
+    std::vector<std::string> seen;
+    void onPublishEntry(Vesk::Name const& k) override {
+      auto e = notifier()->publishEntry(k);
+      seen.push_back(k.stdString() + " " + e->remotePath().stdString() + " " +
+                     (e->versionFilter() ? "v" : "-") + (e->systemFilter() ? "s" : "-"));
+    }
+  } checking;
+  checking.notifierIs(registry);
+  registry->publishEntryIs("p", "/remote/a", "svc", true, "Vesk::Dir", v1, s1);
+  registry->publishEntryIs("q", "/remote/q", "svc", false, "Vesk::Dir", nullptr, nullptr);
+  EXPECT_EQ(checking.seen, (std::vector<std::string>{"p /remote/a vs", "q /remote/q --"}));
+  checking.notifierIs(nullptr);
+}
+
+TEST_F(RegistryModel, MountersAreKeyedByServiceSoASecondGroupOfOneServiceIsRefused) {
+  auto config = serviceMountConfigFactory("agent");
+  auto g1 = config->mountGroupConfigIs("g1");
+  auto g2 = config->mountGroupConfigIs("g2");
+  Ptr<MountConfig const> m1 = g1->mountConfigIs("vol", "plov", "ro", "/mnt/vol");
+  Ptr<MountConfig const> m2 = g2->mountConfigIs("vol", "plov", "ro", "/mnt/vol");
+  auto status = serviceMountStatusFactory("agent");
+  auto entry = registry->mountEntryIs("e", "/mnt/e", "Vesk::Dir", "ro");
+  EntryLog entryLog;
+  entryLog.notifierIs(entry);
+
+  auto mounter = entry->mounterIs(nameOf("svc", "g1"), m1, g1, status);
+  EXPECT_EQ(entry->mounter("svc"), mounter);
+  EXPECT_EQ(mounter->mounterName(), nameOf("svc", "g1"));
+  EXPECT_EQ(mounter->mountConfig(), m1);
+  EXPECT_EQ(entry->mounterIs(nameOf("svc", "g1"), m1, g1, status), mounter);
+  EXPECT_EQ(entryLog.calls, (Calls{"mounter:svc"}));
+
+  EXPECT_EQ(nameInUseText([&] { entry->mounterIs(nameOf("svc", "g2"), m2, g2, status); }),
+            "Reinstantiating the entity with fullName /reg/e/svc where constructor parameter "
+            "attribute 'mounterName' has a different value of Value('Controller::MounterName', "
+            "** {'serviceName': 'svc', 'groupName': 'g2'}) than the current value of "
+            "Value('Controller::MounterName', ** {'serviceName': 'svc', 'groupName': 'g1'}) not "
+            "allowed");
+  EXPECT_EQ(entry->mounterSize(), 1u);
+
+  entry->mounterIs(nameOf("svc2", "g2"), m2, g2, status);
+  EXPECT_EQ(entry->mounterSize(), 2u);
+  EXPECT_EQ(entryLog.calls, (Calls{"mounter:svc", "mounter:svc2"}));
+  entryLog.notifierIs(nullptr);
+}
+
+TEST_F(RegistryModel, ServicePublishReadyNotifiesOnlyOnAChange) {
+  registry->servicePublishReadyIs("svc", true);
+  registry->servicePublishReadyIs("svc", true);
+  registry->servicePublishReadyIs("svc", false);
+  registry->servicePublishReadyDel("other");
+  EXPECT_EQ(log.calls, (Calls{"servicePublishReady:svc", "servicePublishReady:svc"}));
+  EXPECT_FALSE(registry->servicePublishReady("svc"));
+  EXPECT_EQ(registry->servicePublishReadySize(), 1u);
+}
+
+TEST(MounterNameValue, EqualityOrderAndHash) {
+  MounterName const a = nameOf("svc", "grp");
+  EXPECT_EQ(a, MounterName(Vesk::String("svc"), Vesk::String("grp")));
+  EXPECT_NE(a, nameOf("svc", "grp2"));
+  EXPECT_NE(a, nameOf("svc2", "grp"));
+  // serviceName decides before groupName; equal services are ordered by group.
+  EXPECT_LT(nameOf("a", "z"), nameOf("b", "a"));
+  EXPECT_LT(nameOf("svc", "a"), nameOf("svc", "b"));
+  EXPECT_FALSE(nameOf("svc", "b") < nameOf("svc", "a"));
+  EXPECT_FALSE(a < a);
+
+  EXPECT_EQ(a.hash(), Vesk::String("grp").hash() ^ Vesk::String("svc").hash());
+  EXPECT_EQ(nameOf("svc", "").hash(), Vesk::String("svc").hash());
+  EXPECT_EQ(MounterName().hash(), 0u);
+  // Swapped fields hash alike; a collection still keeps them apart.
+  MounterName const swapped = nameOf("grp", "svc");
+  EXPECT_EQ(swapped.hash(), a.hash());
+  Vesk::HashMap<MounterName, int> members;
+  members.emplace(a, 1);
+  EXPECT_TRUE(members.emplace(swapped, 2).second);
+  EXPECT_EQ(*members.find(a), 1);
+  EXPECT_EQ(*members.find(swapped), 2);
+
+  EXPECT_TRUE(!MounterName());
+  EXPECT_TRUE(!nameOf("", ""));
+  EXPECT_FALSE(!nameOf("svc", ""));
+  EXPECT_FALSE(!nameOf("", "grp"));
+}
+
+TEST(MounterNameValue, StringFormPrintsAndReadsBack) {
+  MounterName const a = nameOf("svc", "grp");
+  std::string const text =
+      "Value('Controller::MounterName', ** {'serviceName': 'svc', 'groupName': 'grp'})";
+  EXPECT_EQ(a.stringValue(), text);
+  EXPECT_EQ(valueToStrep(a), text);
+  std::ostringstream os;
+  os << a;
+  EXPECT_EQ(os.str(), text);
+  EXPECT_EQ(MounterName(MounterName::FromText{}, text.data(), text.data() + text.size()), a);
+
+  // Quotes and backslashes in a field survive the round trip.
+  MounterName const odd = nameOf("it's", "a\\b");
+  EXPECT_EQ(odd.stringValue(),
+            "Value('Controller::MounterName', ** {'serviceName': 'it\\'s', 'groupName': "
+            "'a\\\\b'})");
+  MounterName back;
+  EXPECT_TRUE(back.stringValueIs(odd.stringValue()));
+  EXPECT_EQ(back, odd);
+  EXPECT_TRUE(back.stringValueIs(MounterName().stringValue()));
+  EXPECT_TRUE(!back);
+
+  MounterName kept = nameOf("svc", "grp");
+  for (std::string const& bad : std::vector<std::string>{
+           "",
+           std::string("Value('Controller::Other', ** {'serviceName': 'svc', 'groupName': 'grp'})"),
+           text.substr(0, text.size() - 1),  // no closing parenthesis
+           text + " ",                       // trailing text
+           "Value('Controller::MounterName', ** {'serviceName': 'svc, 'groupName': 'grp'})",
+           "Value('Controller::MounterName', ** {'serviceName': svc, 'groupName': 'grp'})",
+           "Value('Controller::MounterName', ** {'groupName': 'grp', 'serviceName': 'svc'})",
+       }) {
+    EXPECT_FALSE(kept.stringValueIs(Vesk::String(bad))) << bad;
+    EXPECT_EQ(kept, nameOf("svc", "grp")) << bad;
+    EXPECT_TRUE(!MounterName(MounterName::FromText{}, bad.data(), bad.data() + bad.size())) << bad;
+  }
+}
+
+TEST(ProxyServiceNames, OnlyTheExactSuffixMakesAProxy) {
+  EXPECT_TRUE(isProxyServiceName("svc-Proxy"));
+  EXPECT_EQ(realServiceNameOfProxy("svc-Proxy"), "svc");
+  EXPECT_TRUE(isProxyServiceName("-Proxy"));
+  EXPECT_EQ(realServiceNameOfProxy("-Proxy"), "");
+  EXPECT_TRUE(isProxyServiceName("a-Proxy-Proxy"));
+  EXPECT_EQ(realServiceNameOfProxy("a-Proxy-Proxy"), "a-Proxy");
+  EXPECT_FALSE(isProxyServiceName("svc-proxy"));
+  EXPECT_FALSE(isProxyServiceName("a-Proxy-b"));
+  EXPECT_FALSE(isProxyServiceName("Proxy"));
+  EXPECT_FALSE(isProxyServiceName("svcProxy"));
+  EXPECT_FALSE(isProxyServiceName(""));
+}
+
+}  // namespace
+}  // namespace Controller

@@ -1,0 +1,638 @@
+// The registry machines, driven as in a controller: sibling records and service
+// declarations change, the clock advances, and the tests read back the mount machine
+// requests, the status each service sees, the traces and the failure texts.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "framework/Trace.h"
+#include "registry/ConnectionServiceStatusDirSm.h"
+#include "registry/MounterConfigSm.h"
+#include "registry/MountsRegistryEntrySm.h"
+#include "registry/MountsRegistrySm.h"
+#include "sim/ExpectedMounts.h"
+#include "sim/World.h"
+
+namespace Controller {
+namespace {
+
+using Request = MountDriver::Request;
+using Record = RecordingMountDriver::Record;
+
+Sim::WorldOptions manualDriver() {
+  Sim::WorldOptions o;
+  o.driver = Sim::DriverKind::manual;
+  return o;
+}
+
+class RegistryMachines : public ::testing::Test {
+ protected:
+  explicit RegistryMachines(Sim::WorldOptions const& options = manualDriver()) : world(options) {}
+
+  void TearDown() override {
+    if (sm) sm->doCleanup();
+    sm = nullptr;
+  }
+
+  void start() {
+    sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(), world.heartbeatConfig(),
+                                 world.mountStatusDir(), world.publishStatus());
+  }
+
+  RecordingMountDriver& driver() { return *world.manualMountDriver(); }
+  std::vector<Record> requests() {
+    std::vector<Record> r = driver().records();
+    driver().recordsDelAll();
+    return r;
+  }
+  // The requests that change what is mounted: every re-evaluation of a machine that has not
+  // settled yet also asks for a remount, which these leave out.
+  std::vector<Record> decisions() {
+    std::vector<Record> r = requests();
+    std::erase_if(r, [](Record const& x) { return x.request == Request::remount; });
+    return r;
+  }
+  static Record req(SystemId const& s, char const* path, Request r) {
+    return Record{s.stringValue(), path, r};
+  }
+
+  Vesk::Ptr<MountsRegistryEntrySm> entrySm(char const* path) {
+    return sm->mountsRegistryEntrySm(Vesk::Name(path));
+  }
+  Vesk::Ptr<MountSmData> data(char const* path, SystemId const& s) {
+    auto e = entrySm(path);
+    return e ? e->mountSmData(s) : nullptr;
+  }
+  void settle(char const* path, SystemId const& s, MountState state) {
+    ASSERT_TRUE(data(path, s)) << path << " has no mount machine for " << s;
+    data(path, s)->mountStateIs(state);
+  }
+
+  // The mount status a service sees, or null.
+  static Vesk::Ptr<MountStatus> mountStatus(Sim::ServiceDeclaration const& svc, SystemId const& s,
+                                            char const* group, char const* path) {
+    auto sys = svc.status()->systemStatus(Vesk::Name(s.stringValue()));
+    auto grp = sys ? sys->serviceMountGroupStatus(Vesk::Name(group)) : nullptr;
+    return grp ? grp->mountStatus(Vesk::Name(path)) : nullptr;
+  }
+  static Vesk::Ptr<ServiceMountGroupStatus> groupStatus(Sim::ServiceDeclaration const& svc,
+                                                        SystemId const& s, char const* group) {
+    auto sys = svc.status()->systemStatus(Vesk::Name(s.stringValue()));
+    return sys ? sys->serviceMountGroupStatus(Vesk::Name(group)) : nullptr;
+  }
+
+  Sim::World world;
+  Vesk::Ptr<MountsRegistrySm> sm;
+};
+
+// ---- the decision -------------------------------------------------------------------------
+
+TEST_F(RegistryMachines, ANegotiatedVersionIsRequiredEvenForAWildcard) {
+  auto svc = world.declareService("fooAgent", "Foo");
+  svc.mountIs("g", "/a");
+  world.registryMounterIs(svc, "g", "/a");
+  SystemId s1 = world.connectSwitch(1);
+  start();
+  EXPECT_TRUE(entrySm("/a")->wildCardMount());
+  EXPECT_TRUE(requests().empty());
+
+  world.negotiate(s1, "Bar", 1);  // another service's version does not count
+  EXPECT_TRUE(requests().empty());
+  world.negotiate(s1, "Foo", 2, {.complete = false});
+  EXPECT_TRUE(requests().empty());
+  world.negotiate(s1, "Foo", 2);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::mount)}));
+}
+
+TEST_F(RegistryMachines, AnIncompatibleOrDisabledVersionCountsAsNone) {
+  auto svc = world.declareService("fooAgent", "Foo");
+  svc.mountIs("g", "/a");
+  world.registryMounterIs(svc, "g", "/a");
+  SystemId s1 = world.connectSwitch(1);
+  world.negotiate(s1, "Foo", 2, {.compatible = false});
+  start();
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", s1.stringValue()), 0u);
+  world.negotiate(s1, "Foo", 2);
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", s1.stringValue()), 2u);
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo-Proxy", s1.stringValue()), 2u);
+  world.serviceEnabledIs(s1, "Foo", false);
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", s1.stringValue()), 0u);
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", "00:00:00:00:00:99"), 0u);
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", "not a connection"), 0u);
+}
+
+TEST_F(RegistryMachines, TwoServicesOnOneEntryOneWildcardWriteStatusWhereInterested) {
+  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("all", "/a");
+  world.registryMounterIs(foo, "all", "/a");
+  auto bar = world.declareService("barAgent", "Bar");
+  bar.mountIs("some", "/a");
+  bar.systemFilterIs("some", {s2});
+  world.registryMounterIs(bar, "some", "/a");
+  world.negotiate(s1, "Bar", 1);
+  world.negotiate(s2, "Foo", 1);
+  world.negotiate(s2, "Bar", 1);
+  start();
+  auto r = decisions();
+  std::sort(r.begin(), r.end(), [](Record const& a, Record const& b) { return a.system < b.system; });
+  EXPECT_EQ(r, (std::vector<Record>{req(s1, "/a", Request::mount), req(s2, "/a", Request::mount)}));
+
+  settle("/a", s1, mountStateMounted);
+  settle("/a", s2, mountStateMounted);
+  ASSERT_TRUE(mountStatus(foo, s1, "all", "/a"));
+  EXPECT_EQ(mountStatus(foo, s1, "all", "/a")->mountState(), mountStateMounted);
+  EXPECT_EQ(mountStatus(foo, s2, "all", "/a")->mountState(), mountStateMounted);
+  EXPECT_FALSE(mountStatus(bar, s1, "some", "/a")) << "Bar's group does not include s1";
+  EXPECT_TRUE(groupStatus(bar, s1, "some")->processed());
+  ASSERT_TRUE(mountStatus(bar, s2, "some", "/a"));
+  EXPECT_EQ(mountStatus(bar, s2, "some", "/a")->mountedPath(),
+            entrySm("/a")->mountSm(s2)->targetPath() + "/a");
+  EXPECT_EQ(groupStatus(bar, s2, "some")->mountState(), mountStateMounted);
+}
+
+TEST_F(RegistryMachines, VersionFilterNarrowsBeforeTheSystemFilter) {
+  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2), s3 = world.connectSwitch(3);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  foo.versionFilterIs("g", {2});
+  foo.systemFilterIs("g", {s1, s2});
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 2);
+  world.negotiate(s2, "Foo", 1);
+  world.negotiate(s3, "Foo", 2);
+  Vesk::TraceCapture capture;
+  start();
+  EXPECT_EQ(decisions(), (std::vector<Record>{req(s1, "/a", Request::mount)}));
+  EXPECT_TRUE(capture.contains(" version filter not matched for " + s2.stringValue().stdString()));
+  EXPECT_TRUE(capture.contains(" not in connectionFilter:" + s3.stringValue().stdString()));
+  EXPECT_TRUE(capture.contains(" matched version:2 service:Foo connection:" +
+                               s1.stringValue().stdString()));
+
+  world.renegotiate(s2, "Foo", 2);  // a renegotiated version re-evaluates the connection
+  EXPECT_EQ(decisions(), (std::vector<Record>{req(s2, "/a", Request::mount)}));
+}
+
+TEST_F(RegistryMachines, AnEntryWithOnlyVersionFiltersMountsEveryPassingConnection) {
+  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  foo.versionFilterIs("g", {1, 2});
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 2);
+  world.negotiate(s2, "Foo", 3);
+  start();
+  EXPECT_EQ(decisions(), (std::vector<Record>{req(s1, "/a", Request::mount)}));
+}
+
+TEST_F(RegistryMachines, AProxyServiceCountsAsItsRealService) {
+  SystemId s1 = world.connectSwitch(1);
+  auto proxy = world.declareService("fooProxyAgent", "Foo-Proxy", true);
+  proxy.mountIs("g", "/a");
+  world.registryMounterIs(proxy, "g", "/a");
+  start();
+  world.negotiate(s1, "Foo", 4);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::mount)}));
+}
+
+// ---- mount machines -----------------------------------------------------------------------
+
+TEST_F(RegistryMachines, AnUnsettledMachineIsRemountedOnEveryReevaluation) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 1);
+  start();
+  requests();
+  settle("/a", s1, mountStateMounting);
+  world.establishedIs(false);  // any full re-evaluation
+  world.establishedIs(true);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::remount),
+                                             req(s1, "/a", Request::remount)}));
+  settle("/a", s1, mountStateMounted);
+  world.establishedIs(false);
+  EXPECT_TRUE(requests().empty()) << "a settled mount only has its status rewritten";
+  entrySm("/a")->mountSm(s1)->pendingRequestIs(true);
+  world.establishedIs(true);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::remount)}));
+}
+
+TEST_F(RegistryMachines, AMachineIsDeletedWhenItsStateReturnsToZero) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 1);
+  start();
+  long const machines = Vesk::liveObjects<MountSm>();
+  settle("/a", s1, mountStateConnecting);
+  world.serviceDel(s1, "Foo");
+  requests();
+  EXPECT_EQ(entrySm("/a")->mountSmSize(), 1u) << "kept until the unmount is reported";
+  Vesk::TraceCapture capture;
+  settle("/a", s1, mountStateNotMounted);
+  EXPECT_EQ(entrySm("/a")->mountSmSize(), 0u);
+  EXPECT_EQ(Vesk::liveObjects<MountSm>(), machines - 1);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::cleanup)}));
+  EXPECT_TRUE(capture.contains(": Deleting mountSm for " + s1.stringValue().stdString()));
+  EXPECT_EQ(mountStatus(foo, s1, "g", "/a")->mountState(), mountStateNotMounted);
+}
+
+TEST_F(RegistryMachines, TheGroupSummaryLetsFailureWinAndReadsDisagreementAsZero) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  for (char const* p : {"/a", "/b"}) {
+    foo.mountIs("g", p);
+    world.registryMounterIs(foo, "g", p);
+  }
+  world.negotiate(s1, "Foo", 1);
+  start();
+  settle("/b", s1, mountStateConnecting);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateConnecting)
+      << "the summary covers the mounts that have reported";
+  settle("/a", s1, mountStateMounted);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateNotMounted);
+  settle("/b", s1, mountStateMounted);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted);
+  settle("/b", s1, mountStateFailed);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateFailed);
+  settle("/a", s1, mountStateMounting);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateFailed);
+  settle("/b", s1, mountStateMounting);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounting);
+  EXPECT_EQ(mountStatus(foo, s1, "g", "/a")->mountedPath(),
+            entrySm("/a")->mountSm(s1)->targetPath() + "/a")
+      << "a mount that leaves the mounted state keeps its last mounted path";
+}
+
+TEST_F(RegistryMachines, MountMachinesGetTheRegistrysParametersWithTheirNoLimitForms) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 1);
+  start();
+  auto m = entrySm("/a")->mountSm(s1);
+  ASSERT_TRUE(m);
+  EXPECT_EQ(m->remoteRoot(), world.registry()->remoteRootPath());
+  EXPECT_EQ(m->path(), "/a");
+  EXPECT_EQ(m->reconnectRetries(), world.registry()->reconnectRetries());
+  EXPECT_EQ(m->mountTimeout(), uint32_t(world.registry()->mountTimeout()));
+  EXPECT_EQ(m->heartbeatConfig(), world.heartbeatConfig());
+  EXPECT_EQ(m->connectionConfig(), world.connectionConfig(s1));
+  EXPECT_EQ(m->data(), data("/a", s1));
+
+  Vesk::Ptr<MountsRegistry> unlimited(new MountsRegistry("unlimited", world.registryDir(), "/r",
+                                                         world.mountRootDir(), "/remote", 0, 0.0));
+  auto entry = unlimited->mountEntryIs("/b", "/t", "Vesk::Dir", "");
+  entry->mounterIs(MounterName("Foo", "g"), foo.config()->mountGroupConfig("g")->mountConfig("/a"),
+                   foo.config()->mountGroupConfig("g"), foo.status());
+  auto other = mountsRegistrySmFactory(unlimited, world.oobStatus(), world.heartbeatConfig(),
+                                       world.mountStatusDir(), world.publishStatus());
+  auto um = other->mountsRegistryEntrySm("/b")->mountSm(s1);
+  ASSERT_TRUE(um);
+  EXPECT_EQ(um->reconnectRetries(), 0xFFFFFFFFu);
+  EXPECT_EQ(um->mountTimeout(), 0x7FFFFFFFu);
+  other->doCleanup();
+}
+
+// ---- inactive and removed switches --------------------------------------------------------
+
+TEST_F(RegistryMachines, AnInactiveSwitchIsUnmountedStatePreservinglyWhereAGroupAsks) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.groupIs("g", true);
+  foo.mountIs("g", "/a");
+  world.registryMounterIs(foo, "g", "/a");
+  auto bar = world.declareService("barAgent", "Bar");
+  bar.mountIs("h", "/b");
+  world.registryMounterIs(bar, "h", "/b");
+  world.negotiate(s1, "Foo", 1);
+  world.negotiate(s1, "Bar", 1);
+  start();
+  settle("/a", s1, mountStateMounted);
+  settle("/b", s1, mountStateMounted);
+  requests();
+  world.inactiveIs(s1, true);
+  auto r = requests();
+  EXPECT_EQ(r.size(), 2u);
+  EXPECT_NE(std::find(r.begin(), r.end(), req(s1, "/a", Request::statePreservingUnmount)), r.end());
+  EXPECT_NE(std::find(r.begin(), r.end(), req(s1, "/b", Request::unmount)), r.end());
+  EXPECT_TRUE(mountStatus(foo, s1, "g", "/a")) << "an inactive switch keeps its statuses";
+}
+
+TEST_F(RegistryMachines, AFilterChangeUnmountsFullyEvenForAGroupThatPreserves) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.groupIs("g", true);
+  foo.mountIs("g", "/a");
+  foo.versionFilterIs("g", {1});
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 1);
+  start();
+  settle("/a", s1, mountStateMounted);
+  requests();
+  world.renegotiate(s1, "Foo", 2);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::unmount)}));
+}
+
+TEST_F(RegistryMachines, ARemovedSwitchIsUnmountedAndLosesItsStatusAndRecords) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.groupIs("g", true);
+  foo.mountIs("g", "/a");
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 1);
+  start();
+  EXPECT_TRUE(world.publishStatus()->system(s1));
+  EXPECT_EQ(sm->connectionServiceStatusDirSmSize(), 1u);
+  settle("/a", s1, mountStateMounted);
+  requests();
+  world.removeSwitch(s1);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::unmount)}));
+  EXPECT_FALSE(foo.status()->systemStatus(Vesk::Name(s1.stringValue())));
+  EXPECT_FALSE(world.publishStatus()->system(s1));
+  EXPECT_EQ(sm->connectionServiceStatusDirSmSize(), 0u);
+  settle("/a", s1, mountStateNotMounted);
+  EXPECT_EQ(entrySm("/a")->mountSmSize(), 0u);
+  EXPECT_FALSE(foo.status()->systemStatus(Vesk::Name(s1.stringValue())))
+      << "the unmount's report does not bring the status back";
+}
+
+// ---- the union filters --------------------------------------------------------------------
+
+TEST_F(RegistryMachines, TheConnectionFilterCountsTheMountersThatIncludeASystem) {
+  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  foo.systemFilterIs("g", {s1});
+  world.registryMounterIs(foo, "g", "/a");
+  auto bar = world.declareService("barAgent", "Bar");
+  bar.mountIs("h", "/a");
+  bar.systemFilterIs("h", {s1, s2});
+  world.registryMounterIs(bar, "h", "/a");
+  world.negotiate(s1, "Foo", 1);
+  world.negotiate(s2, "Foo", 1);
+  start();
+  auto entry = entrySm("/a");
+  EXPECT_EQ(entry->connectionFilter(s1.stringValue()), 2u);
+  EXPECT_EQ(entry->connectionFilter(s2.stringValue()), 1u);
+  requests();
+
+  Vesk::TraceCapture capture;
+  foo.config()->systemFilter("g")->includedSystemDel(s1.stringValue());
+  EXPECT_EQ(entry->connectionFilter(s1.stringValue()), 1u);
+  EXPECT_TRUE(capture.contains(" refcount:1 filter:" + s1.stringValue().stdString() + " path:/a"));
+  EXPECT_FALSE(capture.contains("MountsRegistryEntrySm::handleSwitchConnection"))
+      << "a count that merely drops re-evaluates nothing";
+
+  bar.config()->systemFilter("h")->includedSystemIs(s2.stringValue(), false);
+  EXPECT_EQ(entry->connectionFilter(s2.stringValue()), 0u);
+  EXPECT_TRUE(capture.contains(" del filter:" + s2.stringValue().stdString() + " path:/a"));
+  EXPECT_EQ(decisions(), (std::vector<Record>{req(s2, "/a", Request::unmount)}));
+}
+
+TEST_F(RegistryMachines, RemovingAServicesLastVersionFallsBackToTheConnectionFilter) {
+  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  foo.versionFilterIs("g", {7});
+  world.registryMounterIs(foo, "g", "/a");
+  auto bar = world.declareService("barAgent", "Bar");
+  bar.mountIs("h", "/a");
+  bar.systemFilterIs("h", {s2});
+  world.registryMounterIs(bar, "h", "/a");
+  world.negotiate(s1, "Foo", 1);
+  world.negotiate(s2, "Foo", 1);
+  start();
+  EXPECT_TRUE(requests().empty()) << "version 1 is not in Foo's filter";
+  EXPECT_EQ(entrySm("/a")->versionFilterSize(), 1u);
+  foo.config()->versionFilter("g")->includedServiceVersionDel(7);
+  EXPECT_EQ(entrySm("/a")->versionFilterSize(), 0u);
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s2, "/a", Request::mount)}));
+}
+
+TEST_F(RegistryMachines, ReplacingAGroupsFilterSwapsItsMembersInTheUnion) {
+  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  foo.systemFilterIs("g", {s1});
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 1);
+  world.negotiate(s2, "Foo", 1);
+  start();
+  auto other = foo.config()->systemFilterIs("other");
+  other->includedSystemIs(s2.stringValue(), true);
+  requests();
+  foo.config()->mountGroupConfig("g")->systemFilterIs(other);
+  EXPECT_EQ(entrySm("/a")->connectionFilter(s1.stringValue()), 0u);
+  EXPECT_EQ(entrySm("/a")->connectionFilter(s2.stringValue()), 1u);
+  auto r = decisions();  // every re-evaluation of an unmounting system asks again
+  for (Record const& x : r) {
+    EXPECT_TRUE(x == req(s1, "/a", Request::unmount) || x == req(s2, "/a", Request::mount)) << x;
+  }
+  EXPECT_NE(std::find(r.begin(), r.end(), req(s1, "/a", Request::unmount)), r.end());
+  EXPECT_NE(std::find(r.begin(), r.end(), req(s2, "/a", Request::mount)), r.end());
+  EXPECT_FALSE(entrySm("/a")->wildCardMount());
+  settle("/a", s1, mountStateUnmounting);
+  settle("/a", s1, mountStateNotMounted);
+  foo.config()->mountGroupConfig("g")->systemFilterIs(nullptr);
+  EXPECT_EQ(entrySm("/a")->connectionFilterSize(), 0u);
+  EXPECT_TRUE(entrySm("/a")->wildCardMount()) << "a group without filters mounts everywhere";
+  EXPECT_EQ(decisions(), (std::vector<Record>{req(s1, "/a", Request::cleanup),
+                                              req(s1, "/a", Request::mount)}));
+}
+
+// ---- connection service status ------------------------------------------------------------
+
+TEST_F(RegistryMachines, AServiceReportsOnlyOnceItsNegotiationCompletes) {
+  SystemId s1 = world.connectSwitch(1);
+  start();
+  auto dirSm = sm->connectionServiceStatusDirSm(Vesk::Name(s1.stringValue()));
+  ASSERT_TRUE(dirSm);
+  Vesk::TraceCapture capture;
+  world.negotiate(s1, "Foo", 3, {.complete = false});
+  EXPECT_FALSE(capture.contains("MountsRegistrySm::handleServiceVersion"));
+  EXPECT_FALSE(world.publishStatus()->system(s1)->registeredPublishedPathsProcessed("Foo"));
+  world.negotiate(s1, "Foo", 3);
+  EXPECT_TRUE(capture.contains("MountsRegistrySm::handleServiceVersion connection:" +
+                               s1.stringValue().stdString() + " service:Foo"));
+  EXPECT_TRUE(world.publishStatus()->system(s1)->registeredPublishedPathsProcessed("Foo"));
+  auto const reports = [&] {
+    return std::count_if(capture.lines().begin(), capture.lines().end(), [](std::string const& l) {
+      return l.find("MountsRegistrySm::handleServiceVersion") != std::string::npos;
+    });
+  };
+  auto before = reports();
+  world.serviceEnabledIs(s1, "Foo", false);
+  EXPECT_EQ(reports(), before + 1) << "toggling enabled reports again";
+  EXPECT_TRUE(capture.contains("ConnectionServiceStatusDirSm::handleEnabled" +
+                               s1.stringValue().stdString() + ": Foo enabled: 0"));
+}
+
+TEST_F(RegistryMachines, TheLastServiceOfAConnectionGoingUnmountsItsEntries) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  world.registryMounterIs(foo, "g", "/a");
+  world.negotiate(s1, "Foo", 1);
+  start();
+  settle("/a", s1, mountStateMounted);
+  requests();
+  world.serviceDel(s1, "Foo");
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::unmount)}));
+  EXPECT_EQ(sm->connectionServiceStatusDirSm(Vesk::Name(s1.stringValue()))->serviceStatusSize(), 0u);
+}
+
+// ---- failure texts ------------------------------------------------------------------------
+
+TEST_F(RegistryMachines, ReinstantiationAndNullParametersFailWithTheirTexts) {
+  SystemId s1 = world.connectSwitch(1);
+  start();
+  auto dirSm = sm->connectionServiceStatusDirSm(Vesk::Name(s1.stringValue()));
+  try {
+    dirSm->serviceStatusIs(nullptr);
+    FAIL();
+  } catch (Vesk::NullParameterException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _serviceStatus parameter to mutator for "
+                 "Controller::ConnectionServiceStatusDirSm::serviceStatus not allowed\"");
+  }
+  Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> entries(
+      MountsRegistrySm::typeName, "mountsRegistryEntrySm");
+  auto entry = world.registry()->mountEntryIs("/x", "/t", "Vesk::Dir", "");
+  entries.is("/x", entry, world.oobStatus(), world.mountStatusDir(), sm.ptr());
+  EXPECT_EQ(entries.is("/x", entry, world.oobStatus(), world.mountStatusDir(), sm.ptr()),
+            entries("/x"));
+  try {
+    Sim::World other(manualDriver());
+    entries.is("/x", entry, other.oobStatus(), world.mountStatusDir(), sm.ptr());
+    FAIL();
+  } catch (Vesk::ReinstantiationException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "Reinstantiating the pointer interface where constructor parameter attribute "
+                 "_oobStatus has a different value of");
+  }
+  entries.cleanupAndDelAll();
+}
+
+TEST(RegistryMachineInvariants, ConnectingAPeerWithoutItsConfigurationStopsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto scenario = [](bool dropConfig, unsigned system) {
+    Sim::World world(manualDriver());
+    SystemId s1 = world.connectSwitch(1);
+    auto foo = world.declareService("fooAgent", "Foo");
+    foo.mountIs("g", "/a");
+    world.registryMounterIs(foo, "g", "/a");
+    auto sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(),
+                                      world.heartbeatConfig(), world.mountStatusDir(),
+                                      world.publishStatus());
+    if (dropConfig) world.peerTable()->peer(s1)->connectionConfigIs(nullptr);
+    sm->mountsRegistryEntrySm("/a")->doConnectSwitch(Sim::World::systemOf(system));
+  };
+  EXPECT_DEATH(scenario(true, 1), "Assertion failed: peer->connectionConfig\\(\\)");
+  EXPECT_DEATH(scenario(false, 9), "Assertion failed: peer ");
+}
+
+// ---- cleanup ------------------------------------------------------------------------------
+
+TEST(RegistryCleanup, RemovingEntriesAndStoppingTheRegistryLeavesNothingBehind) {
+  long const baseline = Vesk::liveObjectTotal();
+  {
+    Sim::World world(manualDriver());
+    SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
+    auto foo = world.declareService("fooAgent", "Foo");
+    foo.mountIs("g", "/a");
+    foo.systemFilterIs("g", {s1, s2});
+    world.registryMounterIs(foo, "g", "/a");
+    world.negotiate(s1, "Foo", 1);
+    world.negotiate(s2, "Foo", 1);
+    auto sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(), world.heartbeatConfig(),
+                                      world.mountStatusDir(), world.publishStatus());
+    EXPECT_EQ(Vesk::liveObjects<MountSm>(), 2);
+    world.registry()->mountEntryDel("/a");
+    EXPECT_EQ(Vesk::liveObjects<MountSm>(), 0);
+    EXPECT_EQ(Vesk::liveObjects<MountSmData>(), 0);
+    EXPECT_EQ(Vesk::liveObjects<MountsRegistryEntrySm>(), 0);
+    EXPECT_EQ(Vesk::liveObjects<MounterConfigSm>(), 0);
+    EXPECT_EQ(foo.status()->systemStatusSize(), 0u) << "no status of the entry stays behind";
+    EXPECT_EQ(foo.status()->mountedPathPrefixSize(), 0u);
+    EXPECT_EQ(Vesk::liveObjects<SystemStatus>(), 0);
+    EXPECT_EQ(Vesk::liveObjects<ServiceMountGroupStatus>(), 0);
+    EXPECT_EQ(Vesk::liveObjects<MountStatus>(), 0);
+    sm->doCleanup();
+    sm = nullptr;
+    EXPECT_EQ(Vesk::liveObjects<MountsRegistrySm>(), 0);
+    EXPECT_EQ(Vesk::liveObjects<ConnectionServiceStatusDirSm>(), 0);
+    EXPECT_EQ(Vesk::liveObjects<ConnectionServiceStatusDirSm::ServiceStatusSm>(), 0);
+    EXPECT_EQ(world.publishStatus()->systemSize(), 0u);
+  }
+  EXPECT_EQ(Vesk::liveObjectTotal(), baseline);
+}
+
+// ---- against the reference ----------------------------------------------------------------
+
+class RegistryAgainstReference : public RegistryMachines {
+ protected:
+  RegistryAgainstReference() : RegistryMachines(automaticDriver()) {}
+  static Sim::WorldOptions automaticDriver() {
+    Sim::WorldOptions o;
+    o.autoMount.failureProbability = 0.0;
+    return o;
+  }
+
+  void expectMatchesReference(char const* when) {
+    world.runUntilQuiet(600);
+    for (auto const& [key, decision] : Sim::expectedMounts(world)) {
+      auto const& [entry, system] = key;
+      SystemId id;
+      ASSERT_TRUE(id.stringValueIs(Vesk::String(system)));
+      auto d = data(entry.c_str(), id);
+      bool mounted = d && d->mountState() == mountStateMounted;
+      EXPECT_EQ(mounted, decision.mounted) << when << ": " << entry << " from " << system;
+    }
+  }
+};
+
+TEST_F(RegistryAgainstReference, EveryStepOfAMixedScenarioMatchesTheReference) {
+  std::vector<SystemId> sw;
+  for (unsigned i = 1; i <= 6; ++i) sw.push_back(world.connectSwitch(i));
+  auto foo = world.declareService("fooAgent", "Foo");
+  auto bar = world.declareService("barAgent", "Bar");
+  auto baz = world.declareService("bazProxy", "Baz-Proxy", true);
+  foo.mountIs("all", "/shared");
+  world.registryMounterIs(foo, "all", "/shared");
+  bar.mountIs("v2", "/shared");
+  bar.versionFilterIs("v2", {2});
+  world.registryMounterIs(bar, "v2", "/shared");
+  bar.mountIs("v2", "/bar");
+  world.registryMounterIs(bar, "v2", "/bar");
+  baz.mountIs("few", "/baz");
+  baz.systemFilterIs("few", {sw[0], sw[2], sw[4]});
+  world.registryMounterIs(baz, "few", "/baz");
+  start();
+  expectMatchesReference("no versions");
+  for (size_t i = 0; i < sw.size(); ++i) {
+    world.negotiate(sw[i], "Bar", uint32_t(1 + i % 2));
+    if (i % 3 == 0) world.negotiate(sw[i], "Foo", 1);
+    if (i % 2 == 0) world.negotiate(sw[i], "Baz", 5);
+  }
+  expectMatchesReference("negotiated");
+  world.renegotiate(sw[1], "Bar", 1);
+  world.renegotiate(sw[2], "Bar", 2);
+  expectMatchesReference("renegotiated");
+  baz.config()->systemFilter("few")->includedSystemIs(sw[1].stringValue(), true);
+  bar.config()->versionFilter("v2")->includedServiceVersionIs(1, true);
+  expectMatchesReference("filters changed");
+  world.removeSwitch(sw[3]);
+  world.inactiveIs(sw[4], true);
+  world.removeSwitch(sw[4]);
+  expectMatchesReference("switches gone");
+  sw[3] = world.connectSwitch(4);
+  world.negotiate(sw[3], "Foo", 1);
+  expectMatchesReference("switch back");
+}
+
+}  // namespace
+}  // namespace Controller

@@ -7,6 +7,9 @@
 // requests out (mountDriverIs); without one, a RecordingMountDriver records every request
 // so that a test can see what was asked and set mountState by hand.
 //
+// A driver may keep its own state for a machine in the machine's driverState slot, which
+// nothing else touches, instead of looking the machine up.
+//
 // A driver learns of every machine when it is constructed (request mount) and when it is
 // destroyed; it must keep no Ptr to a machine beyond its destruction, and it must not take
 // and drop a reference to a machine from inside onRequest for a mount request (the machine

@@ -2,7 +2,8 @@
 //
 // It carries the system's Ethernet address. Its text form, stringValue(), is the system's
 // name wherever a collection is keyed by name, the name of its connection, and what every
-// trace prints. As a collection key it hashes by its Ethernet address.
+// trace prints. As a collection key it hashes by its Ethernet address. The text form is
+// made once, when the identity is made, and shared by copies: reading it never allocates.
 #pragma once
 
 #include <iosfwd>
@@ -14,14 +15,14 @@ namespace Controller {
 
 class SystemId {
  public:
-  SystemId() = default;
-  explicit SystemId(Corvex::EthAddr const& addr) : ethAddr_(addr) {}
+  SystemId() : text_(Corvex::EthAddr().stringValue()) {}
+  explicit SystemId(Corvex::EthAddr const& addr) : ethAddr_(addr), text_(addr.stringValue()) {}
 
   Corvex::EthAddr const& ethAddr() const { return ethAddr_; }
   uint64_t hash() const { return ethAddr_.hash(); }
-  Vesk::String stringValue() const { return ethAddr_.stringValue(); }
+  Vesk::String const& stringValue() const { return text_; }
   // Parses the text form; false (value unchanged) when it does not parse.
-  bool stringValueIs(Vesk::String const& text) { return ethAddr_.stringValueIs(text); }
+  bool stringValueIs(Vesk::String const& text);
 
   friend bool operator==(SystemId const& a, SystemId const& b) { return a.ethAddr_ == b.ethAddr_; }
   friend bool operator!=(SystemId const& a, SystemId const& b) { return !(a == b); }
@@ -29,6 +30,7 @@ class SystemId {
 
  private:
   Corvex::EthAddr ethAddr_;
+  Vesk::String text_;
 };
 
 std::ostream& operator<<(std::ostream& os, SystemId const& id);

@@ -48,6 +48,9 @@ class MountsRegistryEntrySm::MountStateReactor
   }
   auto inputs() const { return std::tie(data_, owner_); }
   MountsRegistryEntrySm* mountsRegistryEntrySm() const { return owner_; }
+  // Where the mount appears locally once mounted: the mount's target path and the entry's.
+  Vesk::String const& mountedPath() const { return mountedPath_; }
+  void mountedPathIs(Vesk::String const& p) { mountedPath_ = p; }
 
   void onMountState() override {
     Vesk::Ptr<MountStateReactor> self(this);  // deleting the mount deletes this reactor
@@ -71,6 +74,7 @@ class MountsRegistryEntrySm::MountStateReactor
  private:
   Vesk::Ptr<MountSmData> const data_;
   MountState oldState_;
+  Vesk::String mountedPath_;
   [[no_unique_address]] Vesk::LiveCount<MountStateReactor> liveCount_;
 };
 
@@ -191,6 +195,7 @@ void MountsRegistryEntrySm::evaluateMounters() {
 
 void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   if (!initialized_) return;
+  ++decisions_;
   Vesk::String connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Peer:", connection);
   Vesk::Ptr<PeerTable const> peers = peerTable();
@@ -373,6 +378,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Vesk::Ptr<MountSmData> data(new MountSmData(systemId, system));
   mountSmData_.emplace(systemId, data);
   mountSmDataSmIs(data);
+  mountSmDataSm_(systemId)->mountedPathIs(joinPath(targetPath, path));
   uint32_t retries = registry->reconnectRetries();
   Vesk::Seconds timeout = registry->mountTimeout();
   Vesk::Ptr<MountSm> sm(new MountSm(
@@ -448,7 +454,7 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
   if (!group) return;  // the system's statuses are gone with its peer
   if (mounterIsInterestedInConnection(mounter, systemId.stringValue())) {
     group->mountStatusIs(mount);
-    handleMountState(mounter, systemId, state);
+    handleMountState(mounter, systemId, state, *group);
   } else {
     group->mountStatusDel(mount);
   }
@@ -457,20 +463,26 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
 
 void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId const& systemId,
                                              MountState state) {
+  if (Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId)) {
+    handleMountState(mounter, systemId, state, *group);
+  }
+}
+
+void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId const& systemId,
+                                             MountState state, ServiceMountGroupStatus& group) {
   Vesk::Name const& path = registryEntry_->name();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", "mount state:", state,
              " connection:", systemId.stringValue(), " service:", serviceOf(mounter),
              " mountGroup:", groupOf(mounter), " remote path:", path);
-  Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId);
-  Vesk::Ptr<MountStatus> status = group ? group->mountStatus(path) : nullptr;
+  Vesk::Ptr<MountStatus> status = group.mountStatus(path);
   if (!status) return;
   if (state == mountStateMounted) {
-    if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
-      status->mountedPathIs(joinPath(sm->targetPath(), path));
+    if (Vesk::Ptr<MountStateReactor> reactor = mountSmDataSm_(systemId)) {
+      status->mountedPathIs(reactor->mountedPath());
     }
   }
   status->mountStateIs(state);
-  updateMountGroupMountState(*mounter.mountGroupConfig(), *group, state);
+  updateMountGroupMountState(*mounter.mountGroupConfig(), group, state);
 }
 
 void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig const&,

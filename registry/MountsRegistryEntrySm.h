@@ -39,6 +39,8 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   MountsRegistrySm* mountsRegistrySm() const { return mountsRegistrySm_; }
   bool initialized() const { return initialized_; }
   bool wildCardMount() const { return wildCardMount_; }
+  // How many per-system decisions the machine has made.
+  uint64_t decisions() const { return decisions_; }
 
   // The union filters, kept by the MounterConfigSm children.
   uint32_t connectionFilter(Vesk::String const& connection) const;
@@ -84,6 +86,9 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   friend class MountStateReactor;
 
   Vesk::Ptr<PeerTable const> peerTable() const;
+  // handleMountState with the group status the caller has already found.
+  void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state,
+                        ServiceMountGroupStatus& group);
   void mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data);
   // The mount machine, its data and its reactor go together.
   void mountSmDel(SystemId const& systemId);
@@ -104,6 +109,7 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   bool wildCardMount_ = false;
   bool initialized_ = false;
   bool cleaningUp_ = false;
+  uint64_t decisions_ = 0;
   [[no_unique_address]] Vesk::LiveCount<MountsRegistryEntrySm> liveCount_;
 };
 

@@ -84,8 +84,10 @@ void AutoMountDriver::onRequest(MountSm& sm, Request request) {
 void AutoMountDriver::onDestroyed(MountSm& sm) { retire(sm); }
 
 AutoMountDriver::Mount& AutoMountDriver::mountOf(MountSm& sm) {
+  if (void* state = sm.driverState()) return *static_cast<Mount*>(state);
   std::unique_ptr<Mount>& slot = mounts_[&sm];
   if (!slot) slot = std::make_unique<Mount>(this, &sm, Vesk::currentActivity()->clock());
+  sm.driverStateIs(slot.get());
   return *slot;
 }
 
@@ -94,6 +96,7 @@ void AutoMountDriver::retire(MountSm& sm) {
   if (it == mounts_.end()) return;
   it->second->timeMinIs(Clock::never);
   it->second->sm = nullptr;
+  sm.driverStateIs(nullptr);
   retired_.push_back(std::move(it->second));
   mounts_.erase(it);
 }

@@ -1,0 +1,196 @@
+// The registry machines at scale: 1,000 switches, 200 entries and 20 services with mixed
+// filters (wildcard groups, version filters, system filters, proxies), traces on at level
+// 5 into the ring buffer, mounts settling on the virtual clock.
+//
+// Each benchmark reports CPU time per (entry, switch) decision the machines made, and
+// ratio_vs_reference: that time over the time the reference evaluator, measured in the
+// same run on the same world, takes per decision without any machine.
+//
+//   FullConnect      every switch connects and negotiates its 20 services until every mount
+//                    has settled (reports connect_s, the CPU seconds of the whole connect)
+//   SwitchFlap       one connected switch leaves and comes back
+//   FilterChange     one system filter gains a switch and loses it again
+//   Renegotiation    one switch renegotiates one service's version back and forth
+#include <benchmark/benchmark.h>
+
+#include <ctime>
+#include <memory>
+
+#include "registry/MountsRegistryEntrySm.h"
+#include "registry/MountsRegistrySm.h"
+#include "sim/ExpectedMounts.h"
+#include "sim/World.h"
+
+namespace {
+
+using Controller::SystemId;
+
+constexpr unsigned kSwitches = 1000;
+constexpr unsigned kEntries = 200;
+constexpr unsigned kServices = 20;
+constexpr unsigned kEntriesPerService = 20;
+
+double cpuSeconds() {
+  timespec ts;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
+
+std::string serviceName(unsigned k) {
+  std::string name = "svc" + std::to_string(k);
+  return k % 4 == 3 ? name + "-Proxy" : name;
+}
+std::string realName(unsigned k) { return "svc" + std::to_string(k); }
+
+class Fleet {
+ public:
+  Fleet() : world_(options()) {
+    for (unsigned k = 0; k < kServices; ++k) {
+      auto svc = world_.declareService(Vesk::Name("agent" + std::to_string(k)),
+                                       Vesk::String(serviceName(k)), k % 4 == 3);
+      Vesk::Name group("g" + std::to_string(k));
+      if (k % 4 == 1) svc.versionFilterIs(group, {2});
+      if (k % 4 == 2) {
+        std::vector<SystemId> quarter;
+        for (unsigned i = k; i < kSwitches; i += 4) quarter.push_back(Sim::World::systemOf(i + 1));
+        svc.systemFilterIs(group, quarter);
+      }
+      if (k % 4 == 0) svc.groupIs(group, k % 8 == 0);
+      for (unsigned m = 0; m < kEntriesPerService; ++m) {
+        Vesk::Name path("/e" + std::to_string((k * 10 + m) % kEntries));
+        svc.mountIs(group, path);
+        world_.registryMounterIs(svc, group, path);
+      }
+      services_.push_back(svc);
+    }
+    registry_ = Controller::mountsRegistrySmFactory(world_.registry(), world_.oobStatus(),
+                                                    world_.heartbeatConfig(),
+                                                    world_.mountStatusDir(), world_.publishStatus());
+  }
+  ~Fleet() { registry_->doCleanup(); }
+
+  void connect(unsigned i) {
+    SystemId s = world_.connectSwitch(i);
+    for (unsigned k = 0; k < kServices; ++k) {
+      uint32_t version = k % 4 == 1 ? 1 + i % 2 : 1;
+      world_.negotiate(s, Vesk::Name(realName(k)), version);
+    }
+  }
+  void settle() { world_.runUntilQuiet(3600.0); }
+
+  uint64_t decisions() const {
+    uint64_t n = 0;
+    for (auto const& [name, sm] : registry_->mountsRegistryEntrySms().members()) {
+      n += sm->decisions();
+    }
+    return n;
+  }
+
+  // CPU seconds per decision of the reference evaluator over the whole world.
+  double referencePerDecision() {
+    double start = cpuSeconds();
+    Sim::ExpectedMounts expected = Sim::expectedMounts(world_);
+    benchmark::DoNotOptimize(expected);
+    return (cpuSeconds() - start) / double(expected.size());
+  }
+
+  Sim::World& world() { return world_; }
+  Sim::ServiceDeclaration& service(unsigned k) { return services_[k]; }
+
+ private:
+  static Sim::WorldOptions options() {
+    Sim::WorldOptions o;
+    o.seed = 11;
+    return o;
+  }
+  Sim::World world_;
+  std::vector<Sim::ServiceDeclaration> services_;
+  Vesk::Ptr<Controller::MountsRegistrySm> registry_;
+};
+
+// The connected fleet the steady-state benchmarks share, built once.
+Fleet& connectedFleet() {
+  static std::unique_ptr<Fleet> fleet = [] {
+    auto f = std::make_unique<Fleet>();
+    for (unsigned i = 1; i <= kSwitches; ++i) f->connect(i);
+    f->settle();
+    return f;
+  }();
+  return *fleet;
+}
+
+void report(benchmark::State& state, Fleet& fleet, uint64_t decisions, double seconds) {
+  double perDecision = seconds / double(decisions ? decisions : 1);
+  state.counters["decisions"] = double(decisions);
+  state.counters["ns_per_decision"] = perDecision * 1e9;
+  state.counters["ratio_vs_reference"] = perDecision / fleet.referencePerDecision();
+}
+
+void FullConnect(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto fleet = std::make_unique<Fleet>();
+    state.ResumeTiming();
+    double start = cpuSeconds();
+    for (unsigned i = 1; i <= kSwitches; ++i) fleet->connect(i);
+    fleet->settle();
+    double seconds = cpuSeconds() - start;
+    state.PauseTiming();
+    report(state, *fleet, fleet->decisions(), seconds);
+    state.counters["connect_s"] = seconds;
+    fleet.reset();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(FullConnect)->Iterations(1)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
+
+template <class Step>
+void steadyState(benchmark::State& state, Step step) {
+  Fleet& fleet = connectedFleet();
+  uint64_t decisions = 0;
+  double seconds = 0;
+  for (auto _ : state) {
+    uint64_t before = fleet.decisions();
+    double start = cpuSeconds();
+    step(fleet);
+    fleet.settle();
+    seconds += cpuSeconds() - start;
+    decisions += fleet.decisions() - before;
+  }
+  report(state, fleet, decisions, seconds);
+}
+
+void SwitchFlap(benchmark::State& state) {
+  steadyState(state, [](Fleet& fleet) {
+    SystemId s = Sim::World::systemOf(7);
+    fleet.world().removeSwitch(s);
+    fleet.settle();
+    fleet.connect(7);
+  });
+}
+BENCHMARK(SwitchFlap)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
+
+void FilterChange(benchmark::State& state) {
+  steadyState(state, [](Fleet& fleet) {
+    auto filter = fleet.service(2).config()->systemFilter("g2");
+    Vesk::String added = Sim::World::systemOf(1).stringValue();
+    filter->includedSystemIs(added, true);
+    fleet.settle();
+    filter->includedSystemDel(added);
+  });
+}
+BENCHMARK(FilterChange)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
+
+void Renegotiation(benchmark::State& state) {
+  steadyState(state, [](Fleet& fleet) {
+    SystemId s = Sim::World::systemOf(2);
+    fleet.world().renegotiate(s, "svc1", 1);
+    fleet.settle();
+    fleet.world().renegotiate(s, "svc1", 2);
+  });
+}
+BENCHMARK(Renegotiation)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -10,6 +10,14 @@ namespace Controller {
 namespace {
 Vesk::TraceHandle traceHandle("MountsRegistrySm", true);
 
+// Whether a mounter's service is `service` itself or a proxy of it; compares in place.
+bool countsForService(Vesk::String const& mounterService, Vesk::String const& service) {
+  if (mounterService == service) return true;
+  std::string_view m = mounterService.view();
+  return m.size() == service.size() + 6 && isProxyServiceName(mounterService) &&
+         m.substr(0, service.size()) == service.view();
+}
+
 // A connection is named by its system's text form; an unparsable name names no system.
 bool systemOfConnection(Vesk::String const& connection, SystemId& out) {
   return out.stringValueIs(connection);
@@ -184,9 +192,7 @@ void MountsRegistrySm::handleServiceSwitchConnection(SystemId const& systemId,
     MountsRegistryEntry const* registryEntry = entrySm->registryEntry().ptr();
     VESK_ASSERT(registryEntry);
     for (auto const& [serviceKey, mounter] : registryEntry->mounterMembers()) {
-      Vesk::String const& mounterService =
-          isProxyServiceName(serviceKey) ? realServiceNameOfProxy(serviceKey) : serviceKey;
-      if (mounterService == service) {
+      if (countsForService(serviceKey, service)) {
         entrySm->handleSwitchConnection(systemId);
         break;
       }

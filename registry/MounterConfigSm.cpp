@@ -139,6 +139,7 @@ void MounterConfigSm::systemFilterIs(Vesk::Ptr<MountFilterSystem const> const& f
   MountFilterSystem const* current = systemFilterReactor_ ? systemFilterReactor_->notifierRaw()
                                                           : nullptr;
   if (current == filter.ptr()) return;
+  MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
   VESK_TRACE(traceHandle, 5, "MounterConfigSm::systemFilterIs", " filter:",
              filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
   for (Vesk::String const& system : std::vector<Vesk::String>(systemsAdded_.begin(),
@@ -158,6 +159,7 @@ void MounterConfigSm::versionFilterIs(Vesk::Ptr<MountFilterServiceVersion const>
   MountFilterServiceVersion const* current =
       versionFilterReactor_ ? versionFilterReactor_->notifierRaw() : nullptr;
   if (current == filter.ptr()) return;
+  MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
   VESK_TRACE(traceHandle, 5, "MounterConfigSm::versionFilterIs", " filter:",
              filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
   for (uint32_t version : std::vector<uint32_t>(versionsAdded_.begin(), versionsAdded_.end())) {
@@ -195,6 +197,7 @@ void MounterConfigSm::handleIncludedSystem() {
   MountFilterSystem const* filter =
       systemFilterReactor_ ? systemFilterReactor_->notifierRaw() : nullptr;
   if (!filter) return;
+  MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
   for (auto const& [system, included] : filter->includedSystemMembers()) {
     handleIncludedSystem(system);
   }
@@ -217,6 +220,7 @@ void MounterConfigSm::handleIncludedServiceVersion() {
   MountFilterServiceVersion const* filter =
       versionFilterReactor_ ? versionFilterReactor_->notifierRaw() : nullptr;
   if (!filter) return;
+  MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
   for (auto const& [version, included] : filter->includedServiceVersionMembers()) {
     handleIncludedServiceVersion(version);
   }
@@ -239,6 +243,7 @@ void MounterConfigSm::doCleanup() {
   groupReactor_.reset();
   systemFilterReactor_.reset();
   versionFilterReactor_.reset();
+  MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
   for (Vesk::String const& system : std::vector<Vesk::String>(systemsAdded_.begin(),
                                                               systemsAdded_.end())) {
     removeSystemFromConnectionFilter(system);

@@ -218,8 +218,18 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   updateSystemStatus(systemId);
 }
 
+MountsRegistryEntrySm::ReevaluationBatch::~ReevaluationBatch() {
+  if (--sm_.batchDepth_ != 0 || !sm_.reevaluationPending_) return;
+  sm_.reevaluationPending_ = false;
+  sm_.handleSwitchConnection();
+}
+
 void MountsRegistryEntrySm::handleSwitchConnection() {
   if (!initialized_) return;
+  if (batchDepth_ > 0) {
+    reevaluationPending_ = true;
+    return;
+  }
   Vesk::Ptr<PeerTable const> peers = peerTable();
   if (!peers) return;
   for (auto const& [systemId, peer] : peers->peerMembers()) handleSwitchConnection(systemId);
@@ -536,8 +546,11 @@ void MountsRegistryEntrySm::doCleanup() {
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doCleanup", " path:", registryEntry_->name());
   cleaningUp_ = true;
   entryReactor_.reset();
-  mounterConfigSm_.cleanupAndDelAll();
-  handleSwitchConnection();
+  {
+    ReevaluationBatch batch(*this);
+    mounterConfigSm_.cleanupAndDelAll();
+    handleSwitchConnection();
+  }
   std::vector<SystemId> remaining;
   for (auto const& [systemId, sm] : mountSm_) remaining.push_back(systemId);
   for (SystemId const& systemId : remaining) mountSmDel(systemId);

@@ -80,6 +80,20 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   void handleInitialized();
   void doCleanup();
 
+  // While a batch is open, full re-evaluations (handleSwitchConnection()) are deferred, and
+  // one runs when the last batch closes if any was asked for. A mounter that folds a whole
+  // filter in or out thus costs one pass over the systems instead of one per member.
+  class ReevaluationBatch {
+   public:
+    explicit ReevaluationBatch(MountsRegistryEntrySm& sm) : sm_(sm) { ++sm_.batchDepth_; }
+    ReevaluationBatch(ReevaluationBatch const&) = delete;
+    ReevaluationBatch& operator=(ReevaluationBatch const&) = delete;
+    ~ReevaluationBatch();
+
+   private:
+    MountsRegistryEntrySm& sm_;
+  };
+
  private:
   class EntryReactor;
   class MountStateReactor;
@@ -110,6 +124,8 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   bool initialized_ = false;
   bool cleaningUp_ = false;
   uint64_t decisions_ = 0;
+  uint32_t batchDepth_ = 0;
+  bool reevaluationPending_ = false;
   [[no_unique_address]] Vesk::LiveCount<MountsRegistryEntrySm> liveCount_;
 };
 

@@ -444,6 +444,29 @@ TEST_F(RegistryMachines, ReplacingAGroupsFilterSwapsItsMembersInTheUnion) {
                                               req(s1, "/a", Request::mount)}));
 }
 
+TEST_F(RegistryMachines, FoldingAWholeFilterInOrOutReevaluatesEachSwitchOnce) {
+  std::vector<SystemId> all;
+  for (unsigned i = 1; i <= 40; ++i) {
+    all.push_back(world.connectSwitch(i));
+    world.negotiate(all.back(), "Foo", 1);
+  }
+  auto foo = world.declareService("fooAgent", "Foo");
+  foo.mountIs("g", "/a");
+  world.registryMounterIs(foo, "g", "/a");
+  start();
+  auto entry = entrySm("/a");
+  uint64_t before = entry->decisions();
+  auto wide = foo.config()->systemFilterIs("wide");
+  for (SystemId const& s : all) wide->includedSystemIs(s.stringValue(), true);
+  before = entry->decisions();
+  foo.config()->mountGroupConfig("g")->systemFilterIs(wide);
+  EXPECT_EQ(entry->decisions() - before, all.size()) << "one pass, not one per member";
+  EXPECT_EQ(entry->connectionFilterSize(), all.size());
+  before = entry->decisions();
+  world.registry()->mountEntryDel("/a");
+  EXPECT_LE(entry->decisions() - before, all.size());
+}
+
 // ---- connection service status ------------------------------------------------------------
 
 TEST_F(RegistryMachines, AServiceReportsOnlyOnceItsNegotiationCompletes) {

@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cstring>
 #include <functional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/Reflection.h"
@@ -13,122 +14,73 @@
 namespace Vesk {
 namespace {
 
-// ---------------------------------------------------------------------------------------
-// Construction and access.
+constexpr size_t npos = String::npos;
 
-TEST(StringConstruction, EveryFormHoldsTheSameBytes) {
+// Every way to make a string holds exactly its bytes, terminated, and hashes as the same text
+// built in one piece: equality compares hashes first.
+TEST(StringForms, EveryOriginHoldsItsBytesAndHashesAsTheText) {
   std::string const text = "mount/a";
-  std::vector<String> forms{String("mount/a"), String("mount/a-extra", 7), String(text),
-                            String(std::string_view(text)), Name("mount/a")};
-  for (String const& s : forms) {
-    EXPECT_EQ(s.size(), 7u);
-    EXPECT_EQ(s.length(), 7u);
-    EXPECT_FALSE(s.empty());
-    EXPECT_STREQ(s.charPtr(), "mount/a");  // terminated even when cut from a longer text
-    EXPECT_EQ(s.stdString(), text);
-    EXPECT_EQ(s.view(), text);
-    EXPECT_EQ(std::string(s.begin(), s.end()), text);
-    EXPECT_EQ(s[6], 'a');
-    EXPECT_EQ(s, forms[0]);
-  }
+  String const a("mount"), none;
+  String appended("mou");
+  String const shared = appended;  // appending to a copy leaves it alone
+  appended += String("n");
+  appended += "t";
+  appended += String();
+  appended += "";
+  String doubled("ab");
+  doubled += doubled;
+  String grown;
+  grown += "x";
+  auto check = [](std::string const& bytes, std::vector<String> const& forms) {
+    for (String const& s : forms) {
+      SCOPED_TRACE(testing::PrintToString(bytes));
+      EXPECT_EQ(s.size(), bytes.size());
+      EXPECT_EQ(s.empty(), bytes.empty());
+      ASSERT_NE(s.charPtr(), nullptr);
+      EXPECT_EQ(std::string(s.charPtr(), bytes.size() + 1), bytes + '\0');
+      EXPECT_EQ(s.stdString(), bytes);
+      EXPECT_EQ(std::string(s.begin(), s.end()), bytes);
+      EXPECT_EQ(s.hash(), String(bytes).hash());
+      EXPECT_EQ(StringHash()(s), std::hash<String>()(String(bytes)));
+      EXPECT_EQ(std::hash<Name>()(Name(s)), size_t(s.hash()));
+      EXPECT_EQ(s.hash() == 0, bytes.empty());  // only the empty string hashes to 0 here
+      EXPECT_EQ(s, String(bytes));
+    }
+  };
+  char const* const null = nullptr;
+  check(text, {String("mount/a"), String("mount/a-extra", 7), String(text),
+               String(std::string_view(text)), Name("mount/a"), String("xmount/ax").substr(1, 7),
+               a + "/a", "mo" + String("unt/a"), a + String("/a")});
+  check("mount", {a + String(), String() + a, a + "", "" + a, a + null, null + a, appended});
+  check("", {String(), String(""), String(null), String("abc", 0), String(std::string()), Name(),
+             none + "", "" + none});
+  check(std::string("a\0b", 3), {String("a\0b", 3)});
+  check("mou", {shared});
+  check("abab", {doubled});
+  check("x", {grown});
+  EXPECT_NE(String("a\0b", 3), String("a"));
+  EXPECT_NE(String("a\0b", 3).hash(), String("a").hash());
+  EXPECT_NE(String("controller/mount").hash(), String("controller/mounts").hash());
 }
 
-TEST(StringConstruction, EmbeddedNulBytesAreKept) {
-  String s("a\0b", 3);
-  EXPECT_EQ(s.size(), 3u);
-  EXPECT_EQ(s.stdString(), std::string("a\0b", 3));
-  EXPECT_NE(s, String("a"));
-  EXPECT_NE(s.hash(), String("a").hash());
-}
-
-TEST(StringConstruction, CopiesShareAndMovesEmptyTheSource) {
+TEST(StringForms, CopiesShareAndMovesEmptyTheSource) {
   String a("shared");
   String copy = a;
   EXPECT_EQ(copy.charPtr(), a.charPtr());
   String moved = std::move(copy);
   EXPECT_TRUE(copy.empty());  // a moved-from string is empty
-  EXPECT_EQ(moved, "shared");
   String assigned;
   assigned = moved;
   assigned = std::move(moved);
-  EXPECT_EQ(assigned, "shared");
   String& alias = assigned;
   assigned = alias;
   assigned = std::move(alias);
   EXPECT_EQ(assigned, "shared");
   EXPECT_EQ(a, "shared");
+  Name n = a;
+  String back = n;
+  EXPECT_EQ(back, "shared");
 }
-
-TEST(StringEmpty, EveryEmptyFormIsTheSameEmptyString) {
-  std::vector<String> forms{String(),
-                            String(""),
-                            String(static_cast<char const*>(nullptr)),
-                            String("abc", 0),
-                            String(std::string()),
-                            Name()};
-  for (String const& s : forms) {
-    EXPECT_TRUE(s.empty());
-    EXPECT_EQ(s.size(), 0u);
-    EXPECT_EQ(s.hash(), 0u);
-    ASSERT_NE(s.charPtr(), nullptr);
-    EXPECT_STREQ(s.charPtr(), "");
-    EXPECT_EQ(s.stdString(), "");
-    EXPECT_EQ(s.begin(), s.end());
-    EXPECT_EQ(s, String());
-    EXPECT_EQ(s, "");
-    EXPECT_FALSE(s < String());
-    EXPECT_TRUE(s < String("a"));
-  }
-  EXPECT_EQ(String().substr(0), String());
-  EXPECT_EQ(String().pos(0, 'a'), String::npos);
-  EXPECT_EQ(String().lastPos(String::npos, "a"), String::npos);
-  EXPECT_TRUE(String().endsWith(""));
-  EXPECT_FALSE(String().endsWith("a"));
-  EXPECT_EQ(String().strep(), "''");
-}
-
-// ---------------------------------------------------------------------------------------
-// Concatenation.
-
-TEST(StringConcat, PlusWithStringsAndCharPointersOnEitherSide) {
-  String a("mount"), b("/path");
-  EXPECT_EQ(a + b, "mount/path");
-  EXPECT_EQ(a + "/x", "mount/x");
-  EXPECT_EQ("/x" + a, "/xmount");
-  EXPECT_EQ(a + String(), a);
-  EXPECT_EQ(String() + a, a);
-  EXPECT_EQ(a + "", a);
-  EXPECT_EQ("" + a, a);
-  EXPECT_TRUE((String() + "").empty());
-  EXPECT_TRUE(("" + String()).empty());
-  EXPECT_EQ(a + static_cast<char const*>(nullptr), a);
-  EXPECT_EQ(static_cast<char const*>(nullptr) + a, a);
-  // A concatenation is an ordinary string: same hash as the text built in one piece.
-  EXPECT_EQ((a + b).hash(), String("mount/path").hash());
-  EXPECT_EQ(("mo" + String("unt")).hash(), a.hash());
-  EXPECT_EQ(a, "mount");
-  EXPECT_EQ(b, "/path");
-}
-
-TEST(StringConcat, PlusEqualsAppendsWithoutTouchingSharedCopies) {
-  String s("a");
-  String shared = s;
-  s += String("b");
-  s += "c";
-  s += String();
-  s += "";
-  EXPECT_EQ(s, "abc");
-  EXPECT_EQ(s.hash(), String("abc").hash());
-  EXPECT_EQ(shared, "a");
-  s += s;
-  EXPECT_EQ(s, "abcabc");
-  String empty;
-  empty += "x";
-  EXPECT_EQ(empty, "x");
-}
-
-// ---------------------------------------------------------------------------------------
-// Comparison and hashing.
 
 TEST(StringCompare, EqualityIsByTextAndLessIsATotalOrderConsistentWithIt) {
   std::vector<String> values{String(),       String("a"),  String("ab"),
@@ -152,140 +104,71 @@ TEST(StringCompare, EqualityIsByTextAndLessIsATotalOrderConsistentWithIt) {
   EXPECT_TRUE(String("z") < String("\xff"));
   EXPECT_TRUE(String("a") < String("ab"));
   EXPECT_TRUE(String("B") < String("a"));
+  EXPECT_TRUE(Name("a") < String("b"));
 }
 
-TEST(StringHash, EqualTextsHashEquallyWhateverTheirOrigin) {
-  String whole("controller/mounts");
-  std::vector<String> same{String(std::string("controller/mounts")),
-                           String("controller") + "/mounts",
-                           String("xcontroller/mountsx").substr(1, 17), Name("controller/mounts")};
-  for (String const& s : same) {
-    EXPECT_EQ(s, whole);
-    EXPECT_EQ(s.hash(), whole.hash());
-    EXPECT_EQ(StringHash()(s), std::hash<String>()(whole));
-  }
-  Name name("controller/mounts");
-  EXPECT_EQ(std::hash<Name>()(name), size_t(whole.hash()));
-  EXPECT_NE(String("controller/mount").hash(), whole.hash());
-}
-
-// ---------------------------------------------------------------------------------------
-// Searching and slicing.
-
-TEST(StringSearch, SubstrClampsToTheEnd) {
-  String s("abcdef");
-  EXPECT_EQ(s.substr(0), s);
-  EXPECT_EQ(s.substr(2), "cdef");
-  EXPECT_EQ(s.substr(2, 2), "cd");
-  EXPECT_EQ(s.substr(4, 100), "ef");
-  EXPECT_TRUE(s.substr(6).empty());
-  EXPECT_TRUE(s.substr(100).empty());
-  EXPECT_TRUE(s.substr(1, 0).empty());
+TEST(StringSearch, SubstrPosLastPosAndEndsWith) {
+  String const s("abcdef"), path("a/b/c"), twice("/a/bc/a/bc"), file("mount.cfg");
+  EXPECT_EQ((std::vector<String>{s.substr(0), s.substr(2), s.substr(2, 2), s.substr(4, 100),
+                                 s.substr(6), s.substr(100), s.substr(1, 0), String().substr(0)}),
+            (std::vector<String>{"abcdef", "cdef", "cd", "ef", "", "", "", ""}));
   EXPECT_STREQ(s.substr(1, 2).charPtr(), "bc");
+
+  // pos: the first char at or after start; lastPos: the last match starting at or before it.
+  EXPECT_EQ(
+      (std::vector<size_t>{path.pos(0, '/'), path.pos(1, '/'), path.pos(2, '/'), path.pos(4, '/'),
+                           path.pos(0, 'x'), path.pos(100, 'a'), String().pos(0, 'a')}),
+      (std::vector<size_t>{1, 1, 3, npos, npos, npos, npos}));
+  EXPECT_EQ((std::vector<size_t>{twice.lastPos(npos, "/bc"), twice.lastPos(7, "/bc"),
+                                 twice.lastPos(6, "/bc"), twice.lastPos(1, "/bc"),
+                                 twice.lastPos(npos, "/"), twice.lastPos(0, "/"),
+                                 twice.lastPos(npos, "x"), twice.lastPos(npos, "/a/bc/a/bc/"),
+                                 twice.lastPos(3, String()), String().lastPos(npos, "a")}),
+            (std::vector<size_t>{7, 7, 2, npos, 7, 0, npos, npos, 3, npos}));
+  EXPECT_TRUE(file.endsWith(".cfg") && file.endsWith("mount.cfg") && file.endsWith(""));
+  EXPECT_FALSE(file.endsWith(".cf") || file.endsWith("xmount.cfg"));
+  EXPECT_TRUE(String().endsWith(""));
+  EXPECT_FALSE(String().endsWith("a"));
 }
 
-TEST(StringSearch, PosFindsTheFirstCharAtOrAfterStart) {
-  String s("a/b/c");
-  EXPECT_EQ(s.pos(0, '/'), 1u);
-  EXPECT_EQ(s.pos(1, '/'), 1u);
-  EXPECT_EQ(s.pos(2, '/'), 3u);
-  EXPECT_EQ(s.pos(4, '/'), String::npos);
-  EXPECT_EQ(s.pos(0, 'x'), String::npos);
-  EXPECT_EQ(s.pos(100, 'a'), String::npos);
-}
-
-TEST(StringSearch, LastPosFindsTheLastStartAtOrBeforeStart) {
-  String s("/a/bc/a/bc");
-  EXPECT_EQ(s.lastPos(String::npos, "/bc"), 7u);
-  EXPECT_EQ(s.lastPos(7, "/bc"), 7u);
-  EXPECT_EQ(s.lastPos(6, "/bc"), 2u);
-  EXPECT_EQ(s.lastPos(1, "/bc"), String::npos);
-  EXPECT_EQ(s.lastPos(String::npos, "/"), 7u);
-  EXPECT_EQ(s.lastPos(0, "/"), 0u);
-  EXPECT_EQ(s.lastPos(String::npos, "x"), String::npos);
-  EXPECT_EQ(s.lastPos(String::npos, "/a/bc/a/bc/"), String::npos);
-  EXPECT_EQ(s.lastPos(3, String()), 3u);
-}
-
-TEST(StringSearch, EndsWith) {
-  String s("mount.cfg");
-  EXPECT_TRUE(s.endsWith(".cfg"));
-  EXPECT_TRUE(s.endsWith("mount.cfg"));
-  EXPECT_TRUE(s.endsWith(""));
-  EXPECT_FALSE(s.endsWith(".cf"));
-  EXPECT_FALSE(s.endsWith("xmount.cfg"));
-}
-
-// ---------------------------------------------------------------------------------------
-// Text forms.
-
-TEST(StringStrep, QuotesAndEscapesQuoteAndBackslash) {
-  EXPECT_EQ(String("plain").strep(), "'plain'");
-  EXPECT_EQ(String("it's").strep(), "'it\\'s'");
-  EXPECT_EQ(String("a\\b").strep(), "'a\\\\b'");
-  EXPECT_EQ(String("\\'").strep(), "'\\\\\\''");
-  EXPECT_EQ(String("say \"hi\"").strep(), "'say \"hi\"'");
-}
-
-TEST(StringStream, WritesTheBytes) {
+TEST(StringText, StrepQuotesAndEscapesAndStreamsWriteTheBytes) {
+  EXPECT_EQ(
+      (std::vector<String>{String().strep(), String("plain").strep(), String("it's").strep(),
+                           String("a\\b").strep(), String("\\'").strep(),
+                           String("say \"hi\"").strep()}),
+      (std::vector<String>{"''", "'plain'", "'it\\'s'", "'a\\\\b'", "'\\\\\\''", "'say \"hi\"'"}));
   std::ostringstream out;
   out << String("a\0b", 3) << String() << Name("c");
   EXPECT_EQ(out.str(), std::string("a\0bc", 4));
 }
 
-TEST(NameAsString, ConvertsBothWaysAndComparesWithStrings) {
-  String s("key");
-  Name n = s;
-  String back = n;
-  EXPECT_EQ(n, s);
-  EXPECT_EQ(back, "key");
-  EXPECT_EQ(n.hash(), s.hash());
-  EXPECT_TRUE(Name("a") < String("b"));
-  EXPECT_EQ(n + "/x", "key/x");
-}
-
 // ---------------------------------------------------------------------------------------
 // Enumeration text forms.
 
-enum class LinkState : uint32_t { down = 0, up = 1, unknown = 5 };
 EnumDescription::Value const kLinkStateValues[] = {{0, "down"}, {1, "up"}, {5, "unknown"}};
 EnumDescription const kLinkState{"LinkState", kLinkStateValues};
 
-bool parse(std::string_view text, uint32_t& out) {
-  return kLinkState.sequenceToValue(text.data(), text.data() + text.size(), out);
-}
-
-TEST(EnumText, ValueToStrepGivesTheNameOrTheNumber) {
-  EXPECT_EQ(kLinkState.valueToStrep(uint32_t(LinkState::up)), "up");
-  EXPECT_EQ(kLinkState.valueToStrep(0), "down");
-  EXPECT_EQ(kLinkState.valueToStrep(5), "unknown");
-  EXPECT_EQ(kLinkState.valueToStrep(7), "7");
-  EXPECT_EQ(kLinkState.valueToStrep(4294967295u), "4294967295");
-}
-
-TEST(EnumText, SequenceToValueAcceptsNamesAndNumbers) {
+TEST(EnumText, NamesAndNumbersConvertBothWays) {
+  std::pair<uint32_t, char const*> const values[] = {
+      {1, "up"}, {0, "down"}, {5, "unknown"}, {7, "7"}, {4294967295u, "4294967295"}};
+  for (auto const& [value, text] : values) {
+    EXPECT_EQ(kLinkState.valueToStrep(value), text);
+    uint32_t v = 99;
+    EXPECT_TRUE(kLinkState.sequenceToValue(text, text + std::strlen(text), v)) << text;
+    EXPECT_EQ(v, value);
+  }
   uint32_t v = 99;
-  EXPECT_TRUE(parse("up", v));
-  EXPECT_EQ(v, 1u);
-  EXPECT_TRUE(parse("unknown", v));
-  EXPECT_EQ(v, 5u);
-  EXPECT_TRUE(parse("0", v));
+  EXPECT_TRUE(kLinkState.sequenceToValue("0", "0" + 1, v));
   EXPECT_EQ(v, 0u);
-  EXPECT_TRUE(parse("7", v));  // a number without a name is still a value
-  EXPECT_EQ(v, 7u);
-  EXPECT_TRUE(parse("4294967295", v));
-  EXPECT_EQ(v, 4294967295u);
-  // Only [begin, end) is read.
-  char const text[] = "upstream";
+  char const text[] = "upstream";  // only [begin, end) is read
   EXPECT_TRUE(kLinkState.sequenceToValue(text, text + 2, v));
   EXPECT_EQ(v, 1u);
-}
-
-TEST(EnumText, SequenceToValueRejectsGarbageAndLeavesTheOutputAlone) {
+  // Garbage is refused and leaves the output alone.
   for (std::string_view garbage :
        {"", "u", "upx", "UP", " up", "up ", "-1", "+1", "1x", "0x1", "4294967296", "1.0"}) {
-    uint32_t v = 99;
-    EXPECT_FALSE(parse(garbage, v)) << '"' << garbage << '"';
+    v = 99;
+    EXPECT_FALSE(kLinkState.sequenceToValue(garbage.data(), garbage.data() + garbage.size(), v))
+        << '"' << garbage << '"';
     EXPECT_EQ(v, 99u) << '"' << garbage << '"';
   }
 }

@@ -54,31 +54,13 @@ std::vector<std::string> textsOf(FlitDecoding const& d) {
   return out;
 }
 
-// Sets an environment variable for the scope and puts the old value back.
-class ScopedEnv {
- public:
-  ScopedEnv(char const* name, char const* value) : name_(name) {
-    if (char const* old = std::getenv(name)) old_ = old;
-    ::setenv(name, value, 1);
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      ::setenv(name_, old_->c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
- private:
-  char const* name_;
-  std::optional<std::string> old_;
-};
-
 // Tests that switch trace files go back to a small anonymous mapping and remove their files.
 class TraceFileTest : public ::testing::Test {
  protected:
-  std::string file(std::string const& name) {
+  // A temporary file, and unless told otherwise the smallest trace file there from now on.
+  std::string file(std::string const& name, bool traceTo = true) {
     files_.push_back(tempPath(name));
+    if (traceTo) Flitlog::fileIs(files_.back(), flit::minFileBytes);
     return files_.back();
   }
   void TearDown() override {
@@ -108,40 +90,39 @@ TEST(TraceMessageText, JoinsPiecesAndValuesOfEveryKind) {
              static_cast<unsigned char>(200), ",", Wide::top, ",", INT32_MIN);
   VESK_TRACE(h, 5, "doubles:", 0.1, ",", 1e300, ",", -2.5, ",", 3.0, ",", 1.0f / 3);
   VESK_TRACE(h, 5, "objects:", Peer{4}, ",", Point{1, 2});
+  // Adjacent pieces and bare values join without separators.
+  int x = 1;
+  VESK_TRACE(h, 1, "a", "b", x, "c", "d");
+  VESK_TRACE(h, 1, x, x);
+  VESK_TRACE(h, 1, "only");
   EXPECT_EQ(capture.lines(), (std::vector<std::string>{
                                  "text:str|name|cp||ss|sv|buf|!",
                                  "ints:-7,7,-1099511627776,18446744073709551615,1,0,7,-2,-3,200,"
                                  "18446744073709551615,-2147483648",
                                  "doubles:0.1,1e+300,-2.5,3,0.3333333432674408",
-                                 "objects:peer-4,(1,2)",
-                             }));
-}
-
-TEST(TraceMessageText, AdjacentPiecesAndBareValuesJoinWithoutSeparators) {
-  TraceHandle h("TraceTestPieces", false);
-  TraceCapture capture;
-  int x = 1;
-  VESK_TRACE(h, 1, "a", "b", x, "c", "d");
-  VESK_TRACE(h, 1, x, x);
-  VESK_TRACE(h, 1, "only");
-  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"ab1cd", "11", "only"}));
+                                 "objects:peer-4,(1,2)", "ab1cd", "11", "only"}));
   EXPECT_TRUE(capture.contains("1cd"));
   EXPECT_FALSE(capture.contains("abc"));
 }
 
+// The ring holds the captured text with its call site, but not what only a capture enabled.
 TEST(TraceMessageText, DecodedRingTextEqualsCapturedText) {
   TraceHandle h("TraceTestRoundTrip", true);
+  TraceHandle silent("TraceTestSilent", false);
   TraceCapture capture;
+  VESK_TRACE(silent, 5, "unrecorded ", 1);
   VESK_TRACE(h, 5, "mixed ", String("s"), " ", -3, " ", 4000000000u, " ", INT64_MIN, " ",
              UINT64_MAX, " ", 2.5e-9, " ", Peer{9}, " ", Point{-1, 0}, " end");
   FlitDecoding d = decodeFlitlog(Flitlog::image());
   ASSERT_TRUE(d.ok()) << d.error;
   ASSERT_FALSE(d.messages.empty());
-  ASSERT_EQ(capture.lines().size(), 1u);
-  EXPECT_EQ(d.messages.back().text, capture.lines()[0]);
+  ASSERT_EQ(capture.lines().size(), 2u);
+  EXPECT_EQ(capture.lines()[0], "unrecorded 1");
+  EXPECT_EQ(d.messages.back().text, capture.lines()[1]);
   EXPECT_EQ(d.messages.back().module, "TraceTestRoundTrip");
   EXPECT_EQ(d.messages.back().file, "TraceTest.cpp");
   EXPECT_EQ(d.messages.back().level, 5);
+  for (FlitMessage const& m : d.messages) EXPECT_NE(m.text, "unrecorded 1");
 }
 
 // ---- levels
@@ -163,7 +144,7 @@ TEST(TraceLevels, DisabledCallsEvaluateNoArgument) {
   EXPECT_EQ(evaluated, 1);
 }
 
-TEST(TraceLevels, DefaultsAndLevelIsClamps) {
+TEST(TraceLevels, DefaultsTheEnvironmentAndLevelIsClamps) {
   TraceHandle on("TraceTestOn", true);
   TraceHandle off("TraceTestOff", false);
   EXPECT_EQ(on.level(), TraceHandle::onLevel);
@@ -176,6 +157,18 @@ TEST(TraceLevels, DefaultsAndLevelIsClamps) {
   off.levelIs(1000);
   EXPECT_EQ(off.level(), TraceHandle::maxLevel);
   EXPECT_TRUE(off.enabled(8));
+
+  // The environment sets the level when a handle is created.
+  char const* const old = std::getenv("VESK_TRACE");
+  std::optional<std::string> const saved = old ? std::optional<std::string>(old) : std::nullopt;
+  ::setenv("VESK_TRACE", "*=1,TraceTestEnv*=8,TraceTestEnvQuiet=0,bad=entry", 1);
+  TraceHandle loud("TraceTestEnvLoud", false);
+  TraceHandle quiet("TraceTestEnvQuiet", true);
+  TraceHandle other("TraceTestOther", true);
+  saved ? ::setenv("VESK_TRACE", saved->c_str(), 1) : ::unsetenv("VESK_TRACE");
+  EXPECT_EQ(loud.level(), 8);
+  EXPECT_EQ(quiet.level(), 0);
+  EXPECT_EQ(other.level(), 1);
 }
 
 TEST(TraceLevels, CaptureRaisesEveryHandleToEightAndRestores) {
@@ -207,20 +200,6 @@ TEST(TraceLevels, CaptureRaisesEveryHandleToEightAndRestores) {
   EXPECT_FALSE(before.enabled(3));
 }
 
-TEST(TraceLevels, MessagesEnabledOnlyByACaptureStayOutOfTheRing) {
-  TraceHandle silent("TraceTestSilent", false);
-  TraceHandle on("TraceTestHeard", true);
-  TraceCapture capture;
-  VESK_TRACE(silent, 5, "unrecorded ", 1);
-  VESK_TRACE(on, 5, "recorded ", 2);
-  EXPECT_EQ(capture.lines(), (std::vector<std::string>{"unrecorded 1", "recorded 2"}));
-  FlitDecoding d = decodeFlitlog(Flitlog::image());
-  ASSERT_TRUE(d.ok()) << d.error;
-  ASSERT_FALSE(d.messages.empty());
-  EXPECT_EQ(d.messages.back().text, "recorded 2");
-  for (FlitMessage const& m : d.messages) EXPECT_NE(m.text, "unrecorded 1");
-}
-
 TEST(TraceLevels, ConfigSyntax) {
   struct Case {
     char const* config;
@@ -245,16 +224,6 @@ TEST(TraceLevels, ConfigSyntax) {
     EXPECT_EQ(traceLevelFor(c.config, c.module, c.level), c.expected)
         << c.config << " for " << c.module;
   }
-}
-
-TEST(TraceLevels, EnvironmentSetsTheLevelWhenAHandleIsCreated) {
-  ScopedEnv env("VESK_TRACE", "*=1,TraceTestEnv*=8,TraceTestEnvQuiet=0,bad=entry");
-  TraceHandle loud("TraceTestEnvLoud", false);
-  TraceHandle quiet("TraceTestEnvQuiet", true);
-  TraceHandle other("TraceTestOther", true);
-  EXPECT_EQ(loud.level(), 8);
-  EXPECT_EQ(quiet.level(), 0);
-  EXPECT_EQ(other.level(), 1);
 }
 
 // ---- registry
@@ -322,11 +291,9 @@ void tracePeer(TraceHandle& h, int peer) { VESK_TRACE(h, 5, "peer ", peer); }
 TEST_F(TraceFileTest, CallSiteRegistersAgainWithEachNewFile) {
   TraceHandle h("TraceTestSwitch", true);
   std::string const first = file("first.flit");
-  std::string const second = file("second.flit");
-  Flitlog::fileIs(first, flit::minFileBytes);
   uint32_t const generation = Flitlog::generation();
   tracePeer(h, 1);
-  Flitlog::fileIs(second, flit::minFileBytes);
+  std::string const second = file("second.flit");
   EXPECT_NE(Flitlog::generation(), generation);
   EXPECT_EQ(Flitlog::file(), second);
   tracePeer(h, 2);
@@ -352,7 +319,6 @@ std::string wrapText(int i) {
 TEST_F(TraceFileTest, WrappedRingKeepsTheNewestMessagesInOrderAndIntact) {
   TraceHandle h("TraceTestWrap", true);
   std::string const path = file("wrap.flit");
-  Flitlog::fileIs(path, flit::minFileBytes);
   int const total = 3000;
   for (int i = 0; i < total; ++i) {
     VESK_TRACE(h, 5, "msg ", i, " ", std::string(size_t(i % 41), char('a' + i % 26)), " ",
@@ -378,7 +344,6 @@ TEST_F(TraceFileTest, WrappedRingKeepsTheNewestMessagesInOrderAndIntact) {
 TEST_F(TraceFileTest, OversizedTextIsShortenedToFitTheRing) {
   TraceHandle h("TraceTestBig", true);
   std::string const path = file("big.flit");
-  Flitlog::fileIs(path, flit::minFileBytes);
   std::string const big(100000, 'y');
   VESK_TRACE(h, 5, "big:", big, " n:", 42, " tail:", std::string_view("zz"));
   VESK_TRACE(h, 5, "after");
@@ -404,7 +369,6 @@ void allNumberedSites(TraceHandle& h, std::integer_sequence<int, N...>) {
 TEST_F(TraceFileTest, FullDescriptorAreaDropsOnlyTheLateSites) {
   TraceHandle h("TraceTestMany", true);
   std::string const path = file("many.flit");
-  Flitlog::fileIs(path, flit::minFileBytes);
   int const sites = 200;
   allNumberedSites(h, std::make_integer_sequence<int, sites>());
   allNumberedSites(h, std::make_integer_sequence<int, sites>());
@@ -419,7 +383,7 @@ TEST_F(TraceFileTest, FullDescriptorAreaDropsOnlyTheLateSites) {
 }
 
 TEST_F(TraceFileTest, MessagesSurviveTheProcessDying) {
-  std::string const path = file("crash.flit");
+  std::string const path = file("crash.flit", /*traceTo=*/false);
   EXPECT_DEATH(
       {
         TraceHandle h("TraceTestCrash", true);
@@ -435,68 +399,46 @@ TEST_F(TraceFileTest, MessagesSurviveTheProcessDying) {
   EXPECT_EQ(d.messages.back().module, "TraceTestCrash");
 }
 
-// ---- damaged files
+TEST_F(TraceFileTest, EveryDamageIsReportedWithTheMessagesBeforeIt) {
+  TraceHandle h("TraceTestDamage", true);
+  file("damage.flit");
+  for (int i = 0; i < 10; ++i) VESK_TRACE(h, 5, "intact ", String("text"), " ", i);
+  std::vector<std::byte> image(Flitlog::image().begin(), Flitlog::image().end());
+  flit::Header header;
+  std::memcpy(&header, image.data(), sizeof header);
+  auto poke = [&](size_t at, auto value) { std::memcpy(image.data() + at, &value, sizeof value); };
+  auto decode = [&] { return decodeFlitlog(image); };
+  ASSERT_TRUE(decode().ok()) << decode().error;
+  ASSERT_EQ(decode().messages.size(), 10u);
 
-class DamagedFlitlog : public TraceFileTest {
- protected:
-  void SetUp() override {
-    TraceHandle h("TraceTestDamage", true);
-    std::string const path = file("damage.flit");
-    Flitlog::fileIs(path, flit::minFileBytes);
-    for (int i = 0; i < 10; ++i) VESK_TRACE(h, 5, "intact ", String("text"), " ", i);
-    auto image = Flitlog::image();
-    image_.assign(image.begin(), image.end());
-    std::memcpy(&header_, image_.data(), sizeof header_);
-  }
-  // The offset in image_ of the oldest message record.
-  size_t oldest() const { return header_.ringOffset + header_.tail % header_.ringBytes; }
-  template <class T>
-  void poke(size_t at, T value) {
-    std::memcpy(image_.data() + at, &value, sizeof value);
-  }
-  FlitDecoding decode() const { return decodeFlitlog(image_); }
-
-  std::vector<std::byte> image_;
-  flit::Header header_;
-};
-
-TEST_F(DamagedFlitlog, IntactImageDecodes) {
-  FlitDecoding d = decode();
-  ASSERT_TRUE(d.ok()) << d.error;
-  EXPECT_EQ(d.messages.size(), 10u);
-}
-
-TEST_F(DamagedFlitlog, HeaderDamageIsReported) {
-  EXPECT_FALSE(decodeFlitlog(std::span<std::byte const>(image_).first(100)).ok());
-  EXPECT_FALSE(decodeFlitlog(std::span<std::byte const>(image_).first(image_.size() / 2)).ok());
-  std::vector<std::byte> zeros(image_.size());
-  EXPECT_FALSE(decodeFlitlog(zeros).ok());
-  poke(offsetof(flit::Header, head), header_.tail + header_.ringBytes + 8);
+  // The header.
+  EXPECT_FALSE(decodeFlitlog(std::span<std::byte const>(image).first(100)).ok());
+  EXPECT_FALSE(decodeFlitlog(std::span<std::byte const>(image).first(image.size() / 2)).ok());
+  EXPECT_FALSE(decodeFlitlog(std::vector<std::byte>(image.size())).ok());
+  poke(offsetof(flit::Header, head), header.tail + header.ringBytes + 8);
   EXPECT_FALSE(decode().ok());
-}
+  poke(0, header);
 
-TEST_F(DamagedFlitlog, RecordDamageIsReportedWithTheMessagesBeforeIt) {
-  size_t const second = oldest() + 32;  // each record here is 32 bytes
+  // A record: each here is 32 bytes; the second one is damaged.
+  size_t const second = header.ringOffset + header.tail % header.ringBytes + 32;
   ASSERT_EQ(decode().messages.at(1).text, "intact text 1");
-  poke<uint32_t>(second, 12);  // record length not a multiple of 8
+  poke(second, uint32_t(12));  // record length not a multiple of 8
   FlitDecoding d = decode();
   EXPECT_FALSE(d.ok());
   EXPECT_EQ(textsOf(d), (std::vector<std::string>{"intact text 0"}));
-  poke<uint32_t>(second, 32);
-  poke<uint32_t>(second + 4, 999);  // unknown descriptor
+  poke(second, uint32_t(32));
+  poke(second + 4, uint32_t(999));  // unknown descriptor
   EXPECT_FALSE(decode().ok());
-  poke<uint32_t>(second + 4, 0);  // padding anywhere but at the end of the ring
+  poke(second + 4, uint32_t(0));  // padding anywhere but at the end of the ring
   EXPECT_FALSE(decode().ok());
-  poke<uint32_t>(second + 4, 1);
-  poke<uint32_t>(second + 16, 1000);  // text longer than its record
+  poke(second + 4, uint32_t(1));
+  poke(second + 16, uint32_t(1000));  // text longer than its record
   EXPECT_FALSE(decode().ok());
-  poke<uint32_t>(second + 16, 4);
+  poke(second + 16, uint32_t(4));
   EXPECT_TRUE(decode().ok());
-}
 
-TEST_F(DamagedFlitlog, DescriptorDamageIsReported) {
-  size_t const desc = header_.descOffset;
-  poke<uint16_t>(desc + sizeof(flit::DescHeader), 60000);  // module name past the record
+  // A descriptor: its module name runs past the record.
+  poke(header.descOffset + sizeof(flit::DescHeader), uint16_t(60000));
   EXPECT_FALSE(decode().ok());
 }
 

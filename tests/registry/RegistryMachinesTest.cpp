@@ -614,6 +614,18 @@ class RegistryAgainstReference : public RegistryMachines {
       auto d = data(entry.c_str(), id);
       bool mounted = d && d->mountState() == mountStateMounted;
       EXPECT_EQ(mounted, decision.mounted) << when << ": " << entry << " from " << system;
+      // Each service sees the mount exactly where its own group is interested.
+      if (!world.peerTable()->peer(id)) continue;
+      for (auto const& [service, m] :
+           world.registry()->mountEntry(Vesk::Name(entry))->mounterMembers()) {
+        auto const& svc = *m.ptr();
+        auto group = Vesk::Name(svc.mounterName().groupName());
+        auto sys = svc.serviceMountStatus()->systemStatus(Vesk::Name(system));
+        auto grp = sys ? sys->serviceMountGroupStatus(group) : nullptr;
+        bool shown = grp && grp->mountStatus(Vesk::Name(entry));
+        EXPECT_EQ(shown, Sim::mounterIsInterested(world, svc, id))
+            << when << ": " << service << "'s status of " << entry << " on " << system;
+      }
     }
   }
 };

@@ -10,9 +10,10 @@
 // naming the first input that differs. A null first input is refused with the framework's
 // null-parameter text for the collection.
 //
-// Reactor<Base, Owner> is a notifiee (Base is some X::NotifieeConst) that belongs to a
-// machine: veskReactor() reaches the owner. A reactor is reference counted, so one that
-// deletes itself from inside its own handler stays alive until the handler returns.
+// OwnedReactor<Base, Owner> is a notifiee (Base is some X::NotifieeConst) that belongs to a
+// machine: veskReactor() reaches the owner. Reactor<Base, Owner> is the same, reference
+// counted, so one that deletes itself from inside its own handler stays alive until the
+// handler returns.
 //
 // TYPICAL USAGE:
 //   MachineCollection<Vesk::Name, ChildSm> children_{"Controller::ParentSm", "childSm"};
@@ -49,8 +50,8 @@ bool inputIsNull(T* p) {
 }
 
 template <class Held, class Given, size_t... I>
-void checkInputs(Held const& held, Given const& given, std::array<char const*, sizeof...(I)> const& names,
-                 std::index_sequence<I...>) {
+void checkInputs(Held const& held, Given const& given,
+                 std::array<char const*, sizeof...(I)> const& names, std::index_sequence<I...>) {
   (
       [&] {
         if (!(std::get<I>(held) == std::get<I>(given))) throwPtrInterfaceReinstantiation(names[I]);
@@ -94,13 +95,6 @@ class MachineCollection {
     return created;
   }
 
-  // Inserts a child made elsewhere; null is refused.
-  Ptr<T> insert(K const& k, Ptr<T> const& child) {
-    if (!child) throwNullParameter(attr_, ownerType_);
-    members_.emplace(k, child);
-    return child;
-  }
-
   // Tells the child to clean up, then drops it.
   void cleanupAndDel(K const& k) {
     Ptr<T> child = (*this)(k);
@@ -127,14 +121,22 @@ class MachineCollection {
   HashMap<K, Ptr<T>> members_;
 };
 
+// A notifiee that belongs to a machine; veskReactor() reaches the owner.
 template <class Base, class Owner>
-class Reactor : public Base, public PtrInterface {
+class OwnedReactor : public Base {
  public:
-  explicit Reactor(Owner* owner) : owner_(owner) {}
+  explicit OwnedReactor(Owner* owner) : owner_(owner) {}
   Owner* veskReactor() const { return owner_; }
 
  protected:
   Owner* const owner_;
+};
+
+// The same, reference counted, for reactors that live in a machine's collections.
+template <class Base, class Owner>
+class Reactor : public OwnedReactor<Base, Owner>, public PtrInterface {
+ public:
+  using OwnedReactor<Base, Owner>::OwnedReactor;
 };
 
 }  // namespace Vesk

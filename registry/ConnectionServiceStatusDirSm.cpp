@@ -10,41 +10,33 @@ namespace {
 Vesk::TraceHandle traceHandle("ConnectionServiceStatusDirSm", true);
 }  // namespace
 
-class ConnectionServiceStatusDirSm::DirReactor : public ServiceStatusDir::NotifieeConst {
+class ConnectionServiceStatusDirSm::DirReactor
+    : public Vesk::OwnedReactor<ServiceStatusDir::NotifieeConst, ConnectionServiceStatusDirSm> {
  public:
-  explicit DirReactor(ConnectionServiceStatusDirSm* sm) : sm_(sm) {}
-  void onService(Vesk::Name const& service) override { sm_->handleService(service); }
-  void onService() override { sm_->handleService(); }
-
- private:
-  ConnectionServiceStatusDirSm* sm_;
+  using OwnedReactor::OwnedReactor;
+  void onService(Vesk::Name const& service) override { owner_->handleService(service); }
+  void onService() override { owner_->handleService(); }
 };
 
 class ConnectionServiceStatusDirSm::ServiceStatusSm::StatusReactor
-    : public ServiceStatusV1::NotifieeConst {
+    : public Vesk::OwnedReactor<ServiceStatusV1::NotifieeConst, ServiceStatusSm> {
  public:
-  explicit StatusReactor(ServiceStatusSm* sm) : sm_(sm) {}
-  void onEnabled() override { sm_->handleEnabled(); }
+  using OwnedReactor::OwnedReactor;
+  void onEnabled() override { owner_->handleEnabled(); }
   void onVersionStatus() override {
-    sm_->versionStatusIs(notifierRaw()->versionStatus());
-    sm_->handleVersionStatus();
+    owner_->versionStatusIs(notifierRaw()->versionStatus());
+    owner_->handleVersionStatus();
   }
-
- private:
-  ServiceStatusSm* sm_;
 };
 
 class ConnectionServiceStatusDirSm::ServiceStatusSm::VersionReactor
-    : public ServiceVersionStatusV1::NotifieeConst {
+    : public Vesk::OwnedReactor<ServiceVersionStatusV1::NotifieeConst, ServiceStatusSm> {
  public:
-  explicit VersionReactor(ServiceStatusSm* sm) : sm_(sm) {}
-  void onVersionNegotiationComplete() override { sm_->handleVersionStatus(); }
-  void onVersionCompatible() override { sm_->handleVersionStatus(); }
+  using OwnedReactor::OwnedReactor;
+  void onVersionNegotiationComplete() override { owner_->handleVersionStatus(); }
+  void onVersionCompatible() override { owner_->handleVersionStatus(); }
   // A renegotiation may change the version alone.
-  void onNegotiatedVersion() override { sm_->handleVersionStatus(); }
-
- private:
-  ServiceStatusSm* sm_;
+  void onNegotiatedVersion() override { owner_->handleVersionStatus(); }
 };
 
 // ---- the connection's machine -------------------------------------------------------------
@@ -70,9 +62,8 @@ Vesk::Ptr<ConnectionServiceStatusDirSm> connectionServiceStatusDirSmFactory(
     Vesk::Name const& connectionName,
     Vesk::Ptr<ServiceStatusDir const> const& controllerServiceStatusDir,
     MountsRegistrySm* mountsRegistrySm) {
-  return Vesk::Ptr<ConnectionServiceStatusDirSm>(
-      new ConnectionServiceStatusDirSm(connectionName, controllerServiceStatusDir,
-                                       mountsRegistrySm));
+  return Vesk::Ptr<ConnectionServiceStatusDirSm>(new ConnectionServiceStatusDirSm(
+      connectionName, controllerServiceStatusDir, mountsRegistrySm));
 }
 
 Vesk::Ptr<ConnectionServiceStatusDirSm::ServiceStatusSm>
@@ -87,8 +78,8 @@ void ConnectionServiceStatusDirSm::serviceStatusDel(Vesk::Name const& service) {
 void ConnectionServiceStatusDirSm::serviceStatusDelAll() { serviceStatus_.cleanupAndDelAll(); }
 
 void ConnectionServiceStatusDirSm::handleService(Vesk::Name const& service) {
-  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::handleService", " connection:",
-             connectionName_, " service:", service);
+  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::handleService",
+             " connection:", connectionName_, " service:", service);
   if (Vesk::Ptr<ServiceStatusV1> status = controllerServiceStatusDir_->service(service)) {
     serviceStatusIs(status);
   } else {
@@ -103,16 +94,16 @@ void ConnectionServiceStatusDirSm::handleService() {
 }
 
 void ConnectionServiceStatusDirSm::handleInitialized() {
-  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::", "handleInitialized", " connection:",
-             connectionName_);
+  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::", "handleInitialized",
+             " connection:", connectionName_);
   initialized_ = true;
 }
 
 // The connection is going: its services are dropped and the registry re-evaluates the
 // system, which is gone from the peer table by now.
 void ConnectionServiceStatusDirSm::doCleanup() {
-  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::", "doCleanup", " connection:",
-             connectionName_);
+  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::", "doCleanup",
+             " connection:", connectionName_);
   dirReactor_.reset();
   serviceStatus_.delAll();
   SystemId systemId;
@@ -145,8 +136,8 @@ void ConnectionServiceStatusDirSm::ServiceStatusSm::versionStatusIs(
 void ConnectionServiceStatusDirSm::ServiceStatusSm::versionStatusDel() { versionReactor_.reset(); }
 
 void ConnectionServiceStatusDirSm::ServiceStatusSm::handleInitialized() {
-  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::", "handleInitialized", " service:",
-             serviceStatus_->serviceName());
+  VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::", "handleInitialized",
+             " service:", serviceStatus_->serviceName());
   initialized_ = true;
   handleVersionStatus();
 }

@@ -13,40 +13,34 @@ Vesk::TraceHandle traceHandle("MounterConfigSm", true);
 }  // namespace
 
 // Follows the group's choice of filters.
-class MounterConfigSm::GroupReactor : public ServiceMountGroupConfig::NotifieeConst {
+class MounterConfigSm::GroupReactor
+    : public Vesk::OwnedReactor<ServiceMountGroupConfig::NotifieeConst, MounterConfigSm> {
  public:
-  explicit GroupReactor(MounterConfigSm* sm) : sm_(sm) {}
-  void onSystemFilter() override { sm_->systemFilterIs(notifierRaw()->systemFilter()); }
-  void onVersionFilter() override { sm_->versionFilterIs(notifierRaw()->versionFilter()); }
-
- private:
-  MounterConfigSm* sm_;
+  using OwnedReactor::OwnedReactor;
+  void onSystemFilter() override { owner_->systemFilterIs(notifierRaw()->systemFilter()); }
+  void onVersionFilter() override { owner_->versionFilterIs(notifierRaw()->versionFilter()); }
 };
 
-class MounterConfigSm::SystemFilterReactor : public MountFilterSystem::NotifieeConst {
+class MounterConfigSm::SystemFilterReactor
+    : public Vesk::OwnedReactor<MountFilterSystem::NotifieeConst, MounterConfigSm> {
  public:
-  explicit SystemFilterReactor(MounterConfigSm* sm) : sm_(sm) {}
+  using OwnedReactor::OwnedReactor;
   void onIncludedSystem(Vesk::String const& system) override {
     VESK_TRACE(traceHandle, 5, "MounterConfigSm::SystemFilterReactor::onIncludedSystem",
                " system:", system);
-    sm_->handleIncludedSystem(system);
+    owner_->handleIncludedSystem(system);
   }
-
- private:
-  MounterConfigSm* sm_;
 };
 
-class MounterConfigSm::VersionFilterReactor : public MountFilterServiceVersion::NotifieeConst {
+class MounterConfigSm::VersionFilterReactor
+    : public Vesk::OwnedReactor<MountFilterServiceVersion::NotifieeConst, MounterConfigSm> {
  public:
-  explicit VersionFilterReactor(MounterConfigSm* sm) : sm_(sm) {}
+  using OwnedReactor::OwnedReactor;
   void onIncludedServiceVersion(uint32_t const& version) override {
     VESK_TRACE(traceHandle, 5, "MounterConfigSm::VersionFilterReactor::onIncludedServiceVersion",
                ": version=", version);
-    sm_->handleIncludedServiceVersion(version);
+    owner_->handleIncludedServiceVersion(version);
   }
-
- private:
-  MounterConfigSm* sm_;
 };
 
 MounterConfigSm::MounterConfigSm(Vesk::Ptr<Mounter> const& mounter,
@@ -100,16 +94,16 @@ void MounterConfigSm::removeSystemFromConnectionFilter(Vesk::String const& syste
   MountsRegistryEntrySm& entrySm = *mountsRegistryEntrySm_;
   uint32_t refCount = entrySm.connectionFilter(system);
   if (refCount == 1) {
-    VESK_TRACE(traceHandle, 5, "MounterConfigSm::removeSystemFromConnectionFilter", " del filter:",
-               system, " path:", entryPath());
+    VESK_TRACE(traceHandle, 5, "MounterConfigSm::removeSystemFromConnectionFilter",
+               " del filter:", system, " path:", entryPath());
     entrySm.connectionFilterDel(system);
     entrySm.handleSwitchConnection();
     return;
   }
   VESK_ASSERT(refCount > 1);
   entrySm.connectionFilterIs(system, refCount - 1);
-  VESK_TRACE(traceHandle, 5, "MounterConfigSm::removeSystemFromConnectionFilter", " refcount:",
-             refCount - 1, " filter:", system, " path:", entryPath());
+  VESK_TRACE(traceHandle, 5, "MounterConfigSm::removeSystemFromConnectionFilter",
+             " refcount:", refCount - 1, " filter:", system, " path:", entryPath());
 }
 
 void MounterConfigSm::addVersionToVersionFilter(uint32_t version) {
@@ -123,8 +117,8 @@ void MounterConfigSm::addVersionToVersionFilter(uint32_t version) {
 
 void MounterConfigSm::removeVersionFromVersionFilter(uint32_t version) {
   if (versionsAdded_.erase(version) == 0) return;
-  VESK_TRACE(traceHandle, 5, "MounterConfigSm::removeVersionFromVersionFilter", " version:",
-             version, " path:", entryPath());
+  VESK_TRACE(traceHandle, 5, "MounterConfigSm::removeVersionFromVersionFilter",
+             " version:", version, " path:", entryPath());
   Vesk::Name service(mounter_->serviceName());
   if (Vesk::Ptr<ServiceVersionFilter> filter = mountsRegistryEntrySm_->versionFilter(service)) {
     filter->versionDel(version);
@@ -136,14 +130,14 @@ void MounterConfigSm::removeVersionFromVersionFilter(uint32_t version) {
 // ---- the watched filters ------------------------------------------------------------------
 
 void MounterConfigSm::systemFilterIs(Vesk::Ptr<MountFilterSystem const> const& filter) {
-  MountFilterSystem const* current = systemFilterReactor_ ? systemFilterReactor_->notifierRaw()
-                                                          : nullptr;
+  MountFilterSystem const* current =
+      systemFilterReactor_ ? systemFilterReactor_->notifierRaw() : nullptr;
   if (current == filter.ptr()) return;
   MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
-  VESK_TRACE(traceHandle, 5, "MounterConfigSm::systemFilterIs", " filter:",
-             filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
-  for (Vesk::String const& system : std::vector<Vesk::String>(systemsAdded_.begin(),
-                                                              systemsAdded_.end())) {
+  VESK_TRACE(traceHandle, 5, "MounterConfigSm::systemFilterIs",
+             " filter:", filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
+  for (Vesk::String const& system :
+       std::vector<Vesk::String>(systemsAdded_.begin(), systemsAdded_.end())) {
     removeSystemFromConnectionFilter(system);
   }
   systemFilterReactor_.reset();
@@ -160,8 +154,8 @@ void MounterConfigSm::versionFilterIs(Vesk::Ptr<MountFilterServiceVersion const>
       versionFilterReactor_ ? versionFilterReactor_->notifierRaw() : nullptr;
   if (current == filter.ptr()) return;
   MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
-  VESK_TRACE(traceHandle, 5, "MounterConfigSm::versionFilterIs", " filter:",
-             filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
+  VESK_TRACE(traceHandle, 5, "MounterConfigSm::versionFilterIs",
+             " filter:", filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
   for (uint32_t version : std::vector<uint32_t>(versionsAdded_.begin(), versionsAdded_.end())) {
     removeVersionFromVersionFilter(version);
   }
@@ -207,8 +201,8 @@ void MounterConfigSm::handleIncludedServiceVersion(uint32_t version) {
   if (!initialized_) return;
   MountFilterServiceVersion const* filter =
       versionFilterReactor_ ? versionFilterReactor_->notifierRaw() : nullptr;
-  VESK_TRACE(traceHandle, 5, "MounterConfigSm::handleIncludedServiceVersion", ": version=",
-             version);
+  VESK_TRACE(traceHandle, 5, "MounterConfigSm::handleIncludedServiceVersion",
+             ": version=", version);
   if (filter && filter->includedServiceVersion(version)) {
     addVersionToVersionFilter(version);
   } else {
@@ -227,8 +221,8 @@ void MounterConfigSm::handleIncludedServiceVersion() {
 }
 
 void MounterConfigSm::handleInitialized() {
-  VESK_TRACE(traceHandle, 5, "MounterConfigSm::handleInitialized", " service:",
-             mounter_->serviceName(), " path:", entryPath());
+  VESK_TRACE(traceHandle, 5, "MounterConfigSm::handleInitialized",
+             " service:", mounter_->serviceName(), " path:", entryPath());
   if (initialized_) return;
   initialized_ = true;
   handleIncludedSystem();
@@ -244,8 +238,8 @@ void MounterConfigSm::doCleanup() {
   systemFilterReactor_.reset();
   versionFilterReactor_.reset();
   MountsRegistryEntrySm::ReevaluationBatch batch(*mountsRegistryEntrySm_);
-  for (Vesk::String const& system : std::vector<Vesk::String>(systemsAdded_.begin(),
-                                                              systemsAdded_.end())) {
+  for (Vesk::String const& system :
+       std::vector<Vesk::String>(systemsAdded_.begin(), systemsAdded_.end())) {
     removeSystemFromConnectionFilter(system);
   }
   for (uint32_t version : std::vector<uint32_t>(versionsAdded_.begin(), versionsAdded_.end())) {
@@ -263,7 +257,8 @@ void MounterConfigSm::removeStatusRecords() {
   status->mountedPathPrefixDel(path);
   Vesk::Name group(mounter_->mounterName().groupName());
   std::vector<Vesk::Name> systems;
-  for (auto const& [system, systemStatus] : status->systemStatusMembers()) systems.push_back(system);
+  for (auto const& [system, systemStatus] : status->systemStatusMembers())
+    systems.push_back(system);
   for (Vesk::Name const& system : systems) {
     Vesk::Ptr<SystemStatus> systemStatus = status->systemStatus(system);
     if (!systemStatus) continue;

@@ -45,8 +45,8 @@ MounterName::MounterName(FromText, char const* begin, char const* end) {
 }
 
 Vesk::String MounterName::stringValue() const {
-  return Vesk::String(kPrefix) + serviceName_.strep() + Vesk::String(kMiddle) +
-         groupName_.strep() + Vesk::String(kSuffix);
+  return Vesk::String(kPrefix) + serviceName_.strep() + Vesk::String(kMiddle) + groupName_.strep() +
+         Vesk::String(kSuffix);
 }
 
 bool MounterName::stringValueIs(Vesk::String const& value) {

@@ -26,14 +26,12 @@ Vesk::String joinPath(Vesk::String const& a, Vesk::String const& b) {
 }
 }  // namespace
 
-class MountsRegistryEntrySm::EntryReactor : public MountsRegistryEntry::NotifieeConst {
+class MountsRegistryEntrySm::EntryReactor
+    : public Vesk::OwnedReactor<MountsRegistryEntry::NotifieeConst, MountsRegistryEntrySm> {
  public:
-  explicit EntryReactor(MountsRegistryEntrySm* sm) : sm_(sm) {}
-  void onMounter(Vesk::String const& key) override { sm_->handleMounter(key); }
-  void onMounter() override { sm_->handleMounter(); }
-
- private:
-  MountsRegistryEntrySm* sm_;
+  using OwnedReactor::OwnedReactor;
+  void onMounter(Vesk::String const& key) override { owner_->handleMounter(key); }
+  void onMounter() override { owner_->handleMounter(); }
 };
 
 // Follows one mount machine's data record and remembers the state it last saw. A move from
@@ -57,17 +55,17 @@ class MountsRegistryEntrySm::MountStateReactor
     SystemId const connectionId = data_->systemId();
     MountState const oldState = oldState_;
     MountState const newState = data_->mountState();
-    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", " connection:",
-               connectionId.stringValue(), " oldMountState:", oldState,
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState",
+               " connection:", connectionId.stringValue(), " oldMountState:", oldState,
                " newMountState:", newState);
     owner_->updateMountersStatus(connectionId, newState);
     if (oldState == mountStateNotMounted || newState != mountStateNotMounted) {
       oldState_ = newState;
       return;
     }
-    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState",
-               ": Deleting mountSm for ", connectionId.stringValue());
-    VESK_ASSERT(mountsRegistryEntrySm()->mountSm( connectionId ));
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", ": Deleting mountSm for ",
+               connectionId.stringValue());
+    VESK_ASSERT(mountsRegistryEntrySm()->mountSm(connectionId));
     owner_->mountSmDel(connectionId);
   }
 
@@ -78,10 +76,10 @@ class MountsRegistryEntrySm::MountStateReactor
   [[no_unique_address]] Vesk::LiveCount<MountStateReactor> liveCount_;
 };
 
-MountsRegistryEntrySm::MountsRegistryEntrySm(Vesk::Ptr<MountsRegistryEntry> const& registryEntry,
-                                             Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
-                                             Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
-                                             MountsRegistrySm* mountsRegistrySm)
+MountsRegistryEntrySm::MountsRegistryEntrySm(
+    Vesk::Ptr<MountsRegistryEntry> const& registryEntry,
+    Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
+    Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir, MountsRegistrySm* mountsRegistrySm)
     : registryEntry_(registryEntry),
       oobStatus_(oobStatus),
       serviceMountStatusDir_(serviceMountStatusDir),
@@ -162,13 +160,14 @@ void MountsRegistryEntrySm::handleMounter(Vesk::String const& serviceKey) {
   evaluateMounters();
   if (Vesk::Ptr<Mounter> mounter = registryEntry_->mounter(serviceKey)) {
     if (!mounterConfigSm_(serviceKey)) {
-      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter", " new mounter:", serviceKey,
-                 " service:", serviceOf(*mounter), " group:", groupOf(*mounter));
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter",
+                 " new mounter:", serviceKey, " service:", serviceOf(*mounter),
+                 " group:", groupOf(*mounter));
     }
     mounterConfigSm_.is(serviceKey, mounter, this);
   } else if (mounterConfigSm_(serviceKey)) {
-    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter", " mounter gone:",
-               " service:", serviceKey);
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter",
+               " mounter gone:", " service:", serviceKey);
     mounterConfigSm_.cleanupAndDel(serviceKey);
   }
   handleSwitchConnection();
@@ -183,8 +182,9 @@ void MountsRegistryEntrySm::evaluateMounters() {
   for (auto const& [key, m] : registryEntry_->mounterMembers()) {
     ServiceMountGroupConfig const* group = m->mountGroupConfig().ptr();
     if (group && !group->systemFilter() && !group->versionFilter()) {
-      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::evaluateMounters", " wildcard mount:",
-                 " service:", serviceOf(*m.ptr()), " group:", groupOf(*m.ptr()));
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::evaluateMounters",
+                 " wildcard mount:", " service:", serviceOf(*m.ptr()),
+                 " group:", groupOf(*m.ptr()));
       wildCardMount_ = true;
       return;
     }
@@ -206,14 +206,15 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
     if (canMountFromConnection(connection)) {
       doConnectSwitch(systemId);
     } else {
-      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Cannot mount:",
-                 registryEntry_->name(), " from:", connection);
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
+                 " Cannot mount:", registryEntry_->name(), " from:", connection);
       doDisconnectSwitch(systemId);
     }
     return;
   }
-  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " connection:",
-             connection, " registered:", mountSm_.contains(systemId) ? "true" : "false");
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
+             " connection:", connection,
+             " registered:", mountSm_.contains(systemId) ? "true" : "false");
   doDisconnectSwitch(systemId);
   updateSystemStatus(systemId);
 }
@@ -257,8 +258,8 @@ bool MountsRegistryEntrySm::canMountFromConnection(Vesk::String const& connectio
     return false;
   }
   if (wildCardMount_) {
-    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection", " wildcard mount:",
-               connection);
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+               " wildcard mount:", connection);
     return true;
   }
   if (!versionFilter_.empty()) {
@@ -316,8 +317,9 @@ bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& ser
                " matched version:", version, " service:", service, " connection:", connection);
     return true;
   }
-  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter", " version:",
-             version, " not in filter", " service:", service, " connection:", connection);
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter",
+             " version:", version, " not in filter", " service:", service,
+             " connection:", connection);
   return false;
 }
 
@@ -362,8 +364,8 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Vesk::String system = systemId.stringValue();
   if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
     if (sm->data()->mountState() == mountStateMounted && !sm->pendingRequest()) {
-      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch", " updating status:",
-                 path, " from:", system);
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch",
+                 " updating status:", path, " from:", system);
       updateMountersStatus(systemId, mountStateMounted);
       return;
     }
@@ -391,11 +393,11 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   mountSmDataSm_(systemId)->mountedPathIs(joinPath(targetPath, path));
   uint32_t retries = registry->reconnectRetries();
   Vesk::Seconds timeout = registry->mountTimeout();
-  Vesk::Ptr<MountSm> sm(new MountSm(
-      systemId, peer->connectionConfig(), mountsRegistrySm_->heartbeatConfig(),
-      registry->remoteRootPath(), path, targetPath, registryEntry_->veskType(),
-      registryEntry_->mountFlags(), retries == 0 ? kNoRetryLimit : retries,
-      timeout == 0.0 ? kNoMountTimeout : uint32_t(timeout), data));
+  Vesk::Ptr<MountSm> sm(
+      new MountSm(systemId, peer->connectionConfig(), mountsRegistrySm_->heartbeatConfig(),
+                  registry->remoteRootPath(), path, targetPath, registryEntry_->veskType(),
+                  registryEntry_->mountFlags(), retries == 0 ? kNoRetryLimit : retries,
+                  timeout == 0.0 ? kNoMountTimeout : uint32_t(timeout), data));
   mountSm_.emplace(systemId, sm);
 }
 
@@ -420,8 +422,8 @@ void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
     }
     return;
   }
-  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch", " already unmounted:",
-             path, " from:", system);
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch",
+             " already unmounted:", path, " from:", system);
   updateMountersStatus(systemId, mountStateNotMounted);
 }
 
@@ -457,8 +459,8 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
   VESK_ASSERT(mounter.mountGroupConfig());
   Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId);
   Vesk::Name const& mount = registryEntry_->name();
-  VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::updateMounterStatus", "group: ",
-             groupOf(mounter), " mount: ", mount);
+  VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::updateMounterStatus",
+             "group: ", groupOf(mounter), " mount: ", mount);
   VESK_TRACE(traceHandle, 8, "%s config: ",
              mounter.mountConfig() ? mounter.mountConfig()->remotePath() : Vesk::Name());
   if (!group) return;  // the system's statuses are gone with its peer
@@ -520,8 +522,8 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
     ServiceMountStatus* status = m->serviceMountStatus().ptr();
     if (!status) continue;
     if (present) {
-      status->systemStatusIs(Vesk::Name(system))->serviceMountGroupStatusIs(
-          Vesk::Name(groupOf(*m.ptr())));
+      status->systemStatusIs(Vesk::Name(system))
+          ->serviceMountGroupStatusIs(Vesk::Name(groupOf(*m.ptr())));
     } else {
       status->systemStatusDel(Vesk::Name(system));
     }
@@ -531,8 +533,8 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
 // ---- life cycle ---------------------------------------------------------------------------
 
 void MountsRegistryEntrySm::handleInitialized() {
-  VESK_TRACE(traceHandle, 5, "MoutnsRegistryEntrySm::", "handleInitialized", " path:",
-             registryEntry_->name());
+  VESK_TRACE(traceHandle, 5, "MoutnsRegistryEntrySm::", "handleInitialized",
+             " path:", registryEntry_->name());
   if (initialized_) return;
   initialized_ = true;
   handleSwitchConnection();

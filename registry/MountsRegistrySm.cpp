@@ -24,34 +24,28 @@ bool systemOfConnection(Vesk::String const& connection, SystemId& out) {
 }
 }  // namespace
 
-class MountsRegistrySm::RegistryReactor : public MountsRegistry::NotifieeConst {
+class MountsRegistrySm::RegistryReactor
+    : public Vesk::OwnedReactor<MountsRegistry::NotifieeConst, MountsRegistrySm> {
  public:
-  explicit RegistryReactor(MountsRegistrySm* sm) : sm_(sm) {}
-  void onMountEntry(Vesk::Name const& name) override { sm_->handleMountEntry(name); }
-  void onMountEntry() override { sm_->handleMountEntry(); }
-
- private:
-  MountsRegistrySm* sm_;
+  using OwnedReactor::OwnedReactor;
+  void onMountEntry(Vesk::Name const& name) override { owner_->handleMountEntry(name); }
+  void onMountEntry() override { owner_->handleMountEntry(); }
 };
 
-class MountsRegistrySm::OobStatusReactor : public ControllerOob::Status::NotifieeConst {
+class MountsRegistrySm::OobStatusReactor
+    : public Vesk::OwnedReactor<ControllerOob::Status::NotifieeConst, MountsRegistrySm> {
  public:
-  explicit OobStatusReactor(MountsRegistrySm* sm) : sm_(sm) {}
-  void onEstablished() override { sm_->handleSwitchConnection(); }
-  void onInactive(SystemId const& systemId) override { sm_->handleInactivePeer(systemId); }
-
- private:
-  MountsRegistrySm* sm_;
+  using OwnedReactor::OwnedReactor;
+  void onEstablished() override { owner_->handleSwitchConnection(); }
+  void onInactive(SystemId const& systemId) override { owner_->handleInactivePeer(systemId); }
 };
 
-class MountsRegistrySm::PeerTableReactor : public PeerTable::NotifieeConst {
+class MountsRegistrySm::PeerTableReactor
+    : public Vesk::OwnedReactor<PeerTable::NotifieeConst, MountsRegistrySm> {
  public:
-  explicit PeerTableReactor(MountsRegistrySm* sm) : sm_(sm) {}
-  void onPeer(SystemId const& systemId) override { sm_->handlePeer(systemId); }
-  void onPeer() override { sm_->handlePeer(); }
-
- private:
-  MountsRegistrySm* sm_;
+  using OwnedReactor::OwnedReactor;
+  void onPeer(SystemId const& systemId) override { owner_->handlePeer(systemId); }
+  void onPeer() override { owner_->handlePeer(); }
 };
 
 MountsRegistrySm::MountsRegistrySm(
@@ -102,8 +96,9 @@ Vesk::Ptr<MountsRegistrySm> mountsRegistrySmFactory(
     Vesk::Ptr<Heartbeat::Config const> const& heartbeatConfig,
     Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
     Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus) {
-  return Vesk::Ptr<MountsRegistrySm>(new MountsRegistrySm(
-      mountsRegistry, oobStatus, heartbeatConfig, serviceMountStatusDir, controllerdbPublishStatus));
+  return Vesk::Ptr<MountsRegistrySm>(new MountsRegistrySm(mountsRegistry, oobStatus,
+                                                          heartbeatConfig, serviceMountStatusDir,
+                                                          controllerdbPublishStatus));
 }
 
 void MountsRegistrySm::handleMountEntry(Vesk::Name const& name) {
@@ -162,8 +157,8 @@ void MountsRegistrySm::handleInactivePeer(SystemId const& systemId) {
 }
 
 void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
-  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection", " peer:",
-             systemId.stringValue());
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection",
+             " peer:", systemId.stringValue());
   for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
     entrySm->handleSwitchConnection(systemId);
   }
@@ -186,8 +181,8 @@ void MountsRegistrySm::handleServiceVersion(Vesk::Name const& connection,
 
 void MountsRegistrySm::handleServiceSwitchConnection(SystemId const& systemId,
                                                      Vesk::String const& service) {
-  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServiceSwitchConnection", " peer:",
-             systemId.stringValue(), " service:", service);
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServiceSwitchConnection",
+             " peer:", systemId.stringValue(), " service:", service);
   for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
     MountsRegistryEntry const* registryEntry = entrySm->registryEntry().ptr();
     VESK_ASSERT(registryEntry);
@@ -220,8 +215,8 @@ uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(
   if (version && version->versionNegotiationComplete() && version->versionCompatible() &&
       version->negotiatedVersion() != 0) {
     VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
-               " negotiated service version for ", connection, " for service ", realService,
-               " = ", version->negotiatedVersion());
+               " negotiated service version for ", connection, " for service ", realService, " = ",
+               version->negotiatedVersion());
     return version->negotiatedVersion();
   }
   VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",

@@ -39,6 +39,19 @@ class RegistryMachines : public ::testing::Test {
                                  world.mountStatusDir(), world.publishStatus());
   }
 
+  // A service whose group mounts the paths, registered as its configuration machine would.
+  Sim::ServiceDeclaration mounting(char const* service, char const* group,
+                                   std::initializer_list<char const*> paths,
+                                   bool preserve = false) {
+    auto svc = world.declareService(Vesk::Name(std::string(service) + "Agent"), service);
+    svc.groupIs(group, preserve);
+    for (char const* path : paths) {
+      svc.mountIs(group, path);
+      world.registryMounterIs(svc, group, path);
+    }
+    return svc;
+  }
+
   RecordingMountDriver& driver() { return *world.manualMountDriver(); }
   std::vector<Record> requests() {
     std::vector<Record> r = driver().records();
@@ -88,9 +101,7 @@ class RegistryMachines : public ::testing::Test {
 // ---- the decision -------------------------------------------------------------------------
 
 TEST_F(RegistryMachines, ANegotiatedVersionIsRequiredEvenForAWildcard) {
-  auto svc = world.declareService("fooAgent", "Foo");
-  svc.mountIs("g", "/a");
-  world.registryMounterIs(svc, "g", "/a");
+  auto svc = mounting("Foo", "g", {"/a"});
   SystemId s1 = world.connectSwitch(1);
   start();
   EXPECT_TRUE(entrySm("/a")->wildCardMount());
@@ -105,9 +116,7 @@ TEST_F(RegistryMachines, ANegotiatedVersionIsRequiredEvenForAWildcard) {
 }
 
 TEST_F(RegistryMachines, AnIncompatibleOrDisabledVersionCountsAsNone) {
-  auto svc = world.declareService("fooAgent", "Foo");
-  svc.mountIs("g", "/a");
-  world.registryMounterIs(svc, "g", "/a");
+  auto svc = mounting("Foo", "g", {"/a"});
   SystemId s1 = world.connectSwitch(1);
   world.negotiate(s1, "Foo", 2, {.compatible = false});
   start();
@@ -123,19 +132,16 @@ TEST_F(RegistryMachines, AnIncompatibleOrDisabledVersionCountsAsNone) {
 
 TEST_F(RegistryMachines, TwoServicesOnOneEntryOneWildcardWriteStatusWhereInterested) {
   SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("all", "/a");
-  world.registryMounterIs(foo, "all", "/a");
-  auto bar = world.declareService("barAgent", "Bar");
-  bar.mountIs("some", "/a");
+  auto foo = mounting("Foo", "all", {"/a"});
+  auto bar = mounting("Bar", "some", {"/a"});
   bar.systemFilterIs("some", {s2});
-  world.registryMounterIs(bar, "some", "/a");
   world.negotiate(s1, "Bar", 1);
   world.negotiate(s2, "Foo", 1);
   world.negotiate(s2, "Bar", 1);
   start();
   auto r = decisions();
-  std::sort(r.begin(), r.end(), [](Record const& a, Record const& b) { return a.system < b.system; });
+  std::sort(r.begin(), r.end(),
+            [](Record const& a, Record const& b) { return a.system < b.system; });
   EXPECT_EQ(r, (std::vector<Record>{req(s1, "/a", Request::mount), req(s2, "/a", Request::mount)}));
 
   settle("/a", s1, mountStateMounted);
@@ -153,11 +159,9 @@ TEST_F(RegistryMachines, TwoServicesOnOneEntryOneWildcardWriteStatusWhereInteres
 
 TEST_F(RegistryMachines, VersionFilterNarrowsBeforeTheSystemFilter) {
   SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2), s3 = world.connectSwitch(3);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   foo.versionFilterIs("g", {2});
   foo.systemFilterIs("g", {s1, s2});
-  world.registryMounterIs(foo, "g", "/a");
   world.negotiate(s1, "Foo", 2);
   world.negotiate(s2, "Foo", 1);
   world.negotiate(s3, "Foo", 2);
@@ -175,10 +179,8 @@ TEST_F(RegistryMachines, VersionFilterNarrowsBeforeTheSystemFilter) {
 
 TEST_F(RegistryMachines, AnEntryWithOnlyVersionFiltersMountsEveryPassingConnection) {
   SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   foo.versionFilterIs("g", {1, 2});
-  world.registryMounterIs(foo, "g", "/a");
   world.negotiate(s1, "Foo", 2);
   world.negotiate(s2, "Foo", 3);
   start();
@@ -199,9 +201,7 @@ TEST_F(RegistryMachines, AProxyServiceCountsAsItsRealService) {
 
 TEST_F(RegistryMachines, AnUnsettledMachineIsRemountedOnEveryReevaluation) {
   SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
-  world.registryMounterIs(foo, "g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   world.negotiate(s1, "Foo", 1);
   start();
   requests();
@@ -220,9 +220,7 @@ TEST_F(RegistryMachines, AnUnsettledMachineIsRemountedOnEveryReevaluation) {
 
 TEST_F(RegistryMachines, AMachineIsDeletedWhenItsStateReturnsToZero) {
   SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
-  world.registryMounterIs(foo, "g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   world.negotiate(s1, "Foo", 1);
   start();
   long const machines = Vesk::liveObjects<MountSm>();
@@ -268,9 +266,7 @@ TEST_F(RegistryMachines, TheGroupSummaryLetsFailureWinAndReadsDisagreementAsZero
 
 TEST_F(RegistryMachines, MountMachinesGetTheRegistrysParametersWithTheirNoLimitForms) {
   SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
-  world.registryMounterIs(foo, "g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   world.negotiate(s1, "Foo", 1);
   start();
   auto m = entrySm("/a")->mountSm(s1);
@@ -301,13 +297,8 @@ TEST_F(RegistryMachines, MountMachinesGetTheRegistrysParametersWithTheirNoLimitF
 
 TEST_F(RegistryMachines, AnInactiveSwitchIsUnmountedStatePreservinglyWhereAGroupAsks) {
   SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.groupIs("g", true);
-  foo.mountIs("g", "/a");
-  world.registryMounterIs(foo, "g", "/a");
-  auto bar = world.declareService("barAgent", "Bar");
-  bar.mountIs("h", "/b");
-  world.registryMounterIs(bar, "h", "/b");
+  auto foo = mounting("Foo", "g", {"/a"}, true);
+  auto bar = mounting("Bar", "h", {"/b"});
   world.negotiate(s1, "Foo", 1);
   world.negotiate(s1, "Bar", 1);
   start();
@@ -324,11 +315,8 @@ TEST_F(RegistryMachines, AnInactiveSwitchIsUnmountedStatePreservinglyWhereAGroup
 
 TEST_F(RegistryMachines, AFilterChangeUnmountsFullyEvenForAGroupThatPreserves) {
   SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.groupIs("g", true);
-  foo.mountIs("g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"}, true);
   foo.versionFilterIs("g", {1});
-  world.registryMounterIs(foo, "g", "/a");
   world.negotiate(s1, "Foo", 1);
   start();
   settle("/a", s1, mountStateMounted);
@@ -339,10 +327,7 @@ TEST_F(RegistryMachines, AFilterChangeUnmountsFullyEvenForAGroupThatPreserves) {
 
 TEST_F(RegistryMachines, ARemovedSwitchIsUnmountedAndLosesItsStatusAndRecords) {
   SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.groupIs("g", true);
-  foo.mountIs("g", "/a");
-  world.registryMounterIs(foo, "g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"}, true);
   world.negotiate(s1, "Foo", 1);
   start();
   EXPECT_TRUE(world.publishStatus()->system(s1));
@@ -364,14 +349,10 @@ TEST_F(RegistryMachines, ARemovedSwitchIsUnmountedAndLosesItsStatusAndRecords) {
 
 TEST_F(RegistryMachines, TheConnectionFilterCountsTheMountersThatIncludeASystem) {
   SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   foo.systemFilterIs("g", {s1});
-  world.registryMounterIs(foo, "g", "/a");
-  auto bar = world.declareService("barAgent", "Bar");
-  bar.mountIs("h", "/a");
+  auto bar = mounting("Bar", "h", {"/a"});
   bar.systemFilterIs("h", {s1, s2});
-  world.registryMounterIs(bar, "h", "/a");
   world.negotiate(s1, "Foo", 1);
   world.negotiate(s2, "Foo", 1);
   start();
@@ -395,14 +376,10 @@ TEST_F(RegistryMachines, TheConnectionFilterCountsTheMountersThatIncludeASystem)
 
 TEST_F(RegistryMachines, RemovingAServicesLastVersionFallsBackToTheConnectionFilter) {
   SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   foo.versionFilterIs("g", {7});
-  world.registryMounterIs(foo, "g", "/a");
-  auto bar = world.declareService("barAgent", "Bar");
-  bar.mountIs("h", "/a");
+  auto bar = mounting("Bar", "h", {"/a"});
   bar.systemFilterIs("h", {s2});
-  world.registryMounterIs(bar, "h", "/a");
   world.negotiate(s1, "Foo", 1);
   world.negotiate(s2, "Foo", 1);
   start();
@@ -415,10 +392,8 @@ TEST_F(RegistryMachines, RemovingAServicesLastVersionFallsBackToTheConnectionFil
 
 TEST_F(RegistryMachines, ReplacingAGroupsFilterSwapsItsMembersInTheUnion) {
   SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   foo.systemFilterIs("g", {s1});
-  world.registryMounterIs(foo, "g", "/a");
   world.negotiate(s1, "Foo", 1);
   world.negotiate(s2, "Foo", 1);
   start();
@@ -440,8 +415,8 @@ TEST_F(RegistryMachines, ReplacingAGroupsFilterSwapsItsMembersInTheUnion) {
   foo.config()->mountGroupConfig("g")->systemFilterIs(nullptr);
   EXPECT_EQ(entrySm("/a")->connectionFilterSize(), 0u);
   EXPECT_TRUE(entrySm("/a")->wildCardMount()) << "a group without filters mounts everywhere";
-  EXPECT_EQ(decisions(), (std::vector<Record>{req(s1, "/a", Request::cleanup),
-                                              req(s1, "/a", Request::mount)}));
+  EXPECT_EQ(decisions(),
+            (std::vector<Record>{req(s1, "/a", Request::cleanup), req(s1, "/a", Request::mount)}));
 }
 
 TEST_F(RegistryMachines, FoldingAWholeFilterInOrOutReevaluatesEachSwitchOnce) {
@@ -450,9 +425,7 @@ TEST_F(RegistryMachines, FoldingAWholeFilterInOrOutReevaluatesEachSwitchOnce) {
     all.push_back(world.connectSwitch(i));
     world.negotiate(all.back(), "Foo", 1);
   }
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
-  world.registryMounterIs(foo, "g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   start();
   auto entry = entrySm("/a");
   uint64_t before = entry->decisions();
@@ -496,16 +469,15 @@ TEST_F(RegistryMachines, AServiceReportsOnlyOnceItsNegotiationCompletes) {
 
 TEST_F(RegistryMachines, TheLastServiceOfAConnectionGoingUnmountsItsEntries) {
   SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  foo.mountIs("g", "/a");
-  world.registryMounterIs(foo, "g", "/a");
+  auto foo = mounting("Foo", "g", {"/a"});
   world.negotiate(s1, "Foo", 1);
   start();
   settle("/a", s1, mountStateMounted);
   requests();
   world.serviceDel(s1, "Foo");
   EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::unmount)}));
-  EXPECT_EQ(sm->connectionServiceStatusDirSm(Vesk::Name(s1.stringValue()))->serviceStatusSize(), 0u);
+  EXPECT_EQ(sm->connectionServiceStatusDirSm(Vesk::Name(s1.stringValue()))->serviceStatusSize(),
+            0u);
 }
 
 // ---- failure texts ------------------------------------------------------------------------
@@ -522,8 +494,8 @@ TEST_F(RegistryMachines, ReinstantiationAndNullParametersFailWithTheirTexts) {
                  "null _serviceStatus parameter to mutator for "
                  "Controller::ConnectionServiceStatusDirSm::serviceStatus not allowed\"");
   }
-  Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> entries(
-      MountsRegistrySm::typeName, "mountsRegistryEntrySm");
+  Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> entries(MountsRegistrySm::typeName,
+                                                                     "mountsRegistryEntrySm");
   auto entry = world.registry()->mountEntryIs("/x", "/t", "Vesk::Dir", "");
   entries.is("/x", entry, world.oobStatus(), world.mountStatusDir(), sm.ptr());
   EXPECT_EQ(entries.is("/x", entry, world.oobStatus(), world.mountStatusDir(), sm.ptr()),
@@ -548,9 +520,8 @@ TEST(RegistryMachineInvariants, ConnectingAPeerWithoutItsConfigurationStopsThePr
     auto foo = world.declareService("fooAgent", "Foo");
     foo.mountIs("g", "/a");
     world.registryMounterIs(foo, "g", "/a");
-    auto sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(),
-                                      world.heartbeatConfig(), world.mountStatusDir(),
-                                      world.publishStatus());
+    auto sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(), world.heartbeatConfig(),
+                                      world.mountStatusDir(), world.publishStatus());
     if (dropConfig) world.peerTable()->peer(s1)->connectionConfigIs(nullptr);
     sm->mountsRegistryEntrySm("/a")->doConnectSwitch(Sim::World::systemOf(system));
   };

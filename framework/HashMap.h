@@ -116,9 +116,18 @@ class HashMap {
     V& value() const { return n_->kv.second; }
     bool operator==(iterator const& o) const { return n_ == o.n_; }
     bool operator!=(iterator const& o) const { return n_ != o.n_; }
+    // Pins the next member before letting go of the current one, which an unpin may free;
+    // the table reference is kept until the walk ends.
     iterator& operator++() {
       Node* next = HashMap::nextLive(t_, n_);
-      iterator(t_, next).swap(*this);
+      if (next) ++next->pins;
+      Node* current = n_;
+      n_ = next;
+      HashMap::unpin(t_, current);
+      if (!n_) {
+        HashMap::release(t_);
+        t_ = nullptr;
+      }
       return *this;
     }
 

@@ -10,6 +10,7 @@
 #include "framework/Exception.h"
 #include "framework/LiveCount.h"
 #include "model/MountInterface.h"
+#include "tests/support/FailureText.h"
 
 namespace Controller {
 namespace {
@@ -30,23 +31,11 @@ std::vector<std::string> ownAttributes(Vesk::Entity const& e) {
   return out;
 }
 
-// The text of the reinstantiation failure f throws, or a marker when it throws none.
 template <class F>
 std::string reinstantiationText(F&& f) {
-  try {
-    f();
-  } catch (Vesk::ReinstantiationException const& e) {
-    return e.what();
-  }
-  return "<no failure>";
+  return testsupport::failureText<Vesk::ReinstantiationException>(f);
 }
-
-std::string reinstantiating(std::string const& fullName, std::string const& attr,
-                            std::string const& newValue, std::string const& oldValue) {
-  return "Reinstantiating the entity with fullName " + fullName +
-         " where constructor parameter attribute '" + attr + "' has a different value of " +
-         newValue + " than the current value of " + oldValue;
-}
+using testsupport::reinstantiating;
 
 // Reactors that log every notification they receive into one shared list.
 struct MountStatusLog : MountStatus::NotifieeConst {

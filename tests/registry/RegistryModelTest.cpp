@@ -2,6 +2,8 @@
 // remote path and filters, the per-service ready flag, MounterName and proxy service names.
 #include <gtest/gtest.h>
 
+#include "tests/support/FailureText.h"
+
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,27 +20,14 @@ namespace {
 using Vesk::Ptr;
 using Calls = std::vector<std::string>;
 
-// The text of the name-in-use failure f throws, or a marker when it throws none.
 template <class F>
 std::string nameInUseText(F&& f) {
-  try {
-    f();
-  } catch (Vesk::NameInUseException const& e) {
-    return e.what();
-  }
-  return "<no failure>";
+  return testsupport::failureText<Vesk::NameInUseException>(f);
 }
 
 std::string refused(std::string const& fullName, std::string const& attr,
                     std::string const& newValue, std::string const& oldValue) {
-  return "Reinstantiating the entity with fullName " + fullName +
-         " where constructor parameter attribute '" + attr + "' has a different value of " +
-         newValue + " than the current value of " + oldValue + " not allowed";
-}
-
-// Two string literals would select MounterName's (begin, end) parsing constructor.
-MounterName nameOf(char const* serviceName, char const* groupName) {
-  return MounterName(Vesk::String(serviceName), Vesk::String(groupName));
+  return testsupport::reinstantiating(fullName, attr, newValue, oldValue) + " not allowed";
 }
 
 struct RegistryLog : MountsRegistry::NotifieeConst {
@@ -174,14 +163,14 @@ TEST_F(RegistryModel, MountersAreKeyedByServiceSoASecondGroupOfOneServiceIsRefus
   EntryLog entryLog;
   entryLog.notifierIs(entry);
 
-  auto mounter = entry->mounterIs(nameOf("svc", "g1"), m1, g1, status);
+  auto mounter = entry->mounterIs(MounterName("svc", "g1"), m1, g1, status);
   EXPECT_EQ(entry->mounter("svc"), mounter);
-  EXPECT_EQ(mounter->mounterName(), nameOf("svc", "g1"));
+  EXPECT_EQ(mounter->mounterName(), MounterName("svc", "g1"));
   EXPECT_EQ(mounter->mountConfig(), m1);
-  EXPECT_EQ(entry->mounterIs(nameOf("svc", "g1"), m1, g1, status), mounter);
+  EXPECT_EQ(entry->mounterIs(MounterName("svc", "g1"), m1, g1, status), mounter);
   EXPECT_EQ(entryLog.calls, (Calls{"mounter:svc"}));
 
-  EXPECT_EQ(nameInUseText([&] { entry->mounterIs(nameOf("svc", "g2"), m2, g2, status); }),
+  EXPECT_EQ(nameInUseText([&] { entry->mounterIs(MounterName("svc", "g2"), m2, g2, status); }),
             "Reinstantiating the entity with fullName /reg/e/svc where constructor parameter "
             "attribute 'mounterName' has a different value of Value('Controller::MounterName', "
             "** {'serviceName': 'svc', 'groupName': 'g2'}) than the current value of "
@@ -189,7 +178,7 @@ TEST_F(RegistryModel, MountersAreKeyedByServiceSoASecondGroupOfOneServiceIsRefus
             "allowed");
   EXPECT_EQ(entry->mounterSize(), 1u);
 
-  entry->mounterIs(nameOf("svc2", "g2"), m2, g2, status);
+  entry->mounterIs(MounterName("svc2", "g2"), m2, g2, status);
   EXPECT_EQ(entry->mounterSize(), 2u);
   EXPECT_EQ(entryLog.calls, (Calls{"mounter:svc", "mounter:svc2"}));
   entryLog.notifierIs(nullptr);
@@ -206,21 +195,21 @@ TEST_F(RegistryModel, ServicePublishReadyNotifiesOnlyOnAChange) {
 }
 
 TEST(MounterNameValue, EqualityOrderAndHash) {
-  MounterName const a = nameOf("svc", "grp");
+  MounterName const a = MounterName("svc", "grp");
   EXPECT_EQ(a, MounterName(Vesk::String("svc"), Vesk::String("grp")));
-  EXPECT_NE(a, nameOf("svc", "grp2"));
-  EXPECT_NE(a, nameOf("svc2", "grp"));
+  EXPECT_NE(a, MounterName("svc", "grp2"));
+  EXPECT_NE(a, MounterName("svc2", "grp"));
   // serviceName decides before groupName; equal services are ordered by group.
-  EXPECT_LT(nameOf("a", "z"), nameOf("b", "a"));
-  EXPECT_LT(nameOf("svc", "a"), nameOf("svc", "b"));
-  EXPECT_FALSE(nameOf("svc", "b") < nameOf("svc", "a"));
+  EXPECT_LT(MounterName("a", "z"), MounterName("b", "a"));
+  EXPECT_LT(MounterName("svc", "a"), MounterName("svc", "b"));
+  EXPECT_FALSE(MounterName("svc", "b") < MounterName("svc", "a"));
   EXPECT_FALSE(a < a);
 
   EXPECT_EQ(a.hash(), Vesk::String("grp").hash() ^ Vesk::String("svc").hash());
-  EXPECT_EQ(nameOf("svc", "").hash(), Vesk::String("svc").hash());
+  EXPECT_EQ(MounterName("svc", "").hash(), Vesk::String("svc").hash());
   EXPECT_EQ(MounterName().hash(), 0u);
   // Swapped fields hash alike; a collection still keeps them apart.
-  MounterName const swapped = nameOf("grp", "svc");
+  MounterName const swapped = MounterName("grp", "svc");
   EXPECT_EQ(swapped.hash(), a.hash());
   Vesk::HashMap<MounterName, int> members;
   members.emplace(a, 1);
@@ -229,13 +218,13 @@ TEST(MounterNameValue, EqualityOrderAndHash) {
   EXPECT_EQ(*members.find(swapped), 2);
 
   EXPECT_TRUE(!MounterName());
-  EXPECT_TRUE(!nameOf("", ""));
-  EXPECT_FALSE(!nameOf("svc", ""));
-  EXPECT_FALSE(!nameOf("", "grp"));
+  EXPECT_TRUE(!MounterName("", ""));
+  EXPECT_FALSE(!MounterName("svc", ""));
+  EXPECT_FALSE(!MounterName("", "grp"));
 }
 
 TEST(MounterNameValue, StringFormPrintsAndReadsBack) {
-  MounterName const a = nameOf("svc", "grp");
+  MounterName const a = MounterName("svc", "grp");
   std::string const text =
       "Value('Controller::MounterName', ** {'serviceName': 'svc', 'groupName': 'grp'})";
   EXPECT_EQ(a.stringValue(), text);
@@ -246,7 +235,7 @@ TEST(MounterNameValue, StringFormPrintsAndReadsBack) {
   EXPECT_EQ(MounterName(MounterName::FromText{}, text.data(), text.data() + text.size()), a);
 
   // Quotes and backslashes in a field survive the round trip.
-  MounterName const odd = nameOf("it's", "a\\b");
+  MounterName const odd = MounterName("it's", "a\\b");
   EXPECT_EQ(odd.stringValue(),
             "Value('Controller::MounterName', ** {'serviceName': 'it\\'s', 'groupName': "
             "'a\\\\b'})");
@@ -256,7 +245,7 @@ TEST(MounterNameValue, StringFormPrintsAndReadsBack) {
   EXPECT_TRUE(back.stringValueIs(MounterName().stringValue()));
   EXPECT_TRUE(!back);
 
-  MounterName kept = nameOf("svc", "grp");
+  MounterName kept = MounterName("svc", "grp");
   for (std::string const& bad : std::vector<std::string>{
            "",
            std::string("Value('Controller::Other', ** {'serviceName': 'svc', 'groupName': 'grp'})"),
@@ -267,7 +256,7 @@ TEST(MounterNameValue, StringFormPrintsAndReadsBack) {
            "Value('Controller::MounterName', ** {'groupName': 'grp', 'serviceName': 'svc'})",
        }) {
     EXPECT_FALSE(kept.stringValueIs(Vesk::String(bad))) << bad;
-    EXPECT_EQ(kept, nameOf("svc", "grp")) << bad;
+    EXPECT_EQ(kept, MounterName("svc", "grp")) << bad;
     EXPECT_TRUE(!MounterName(MounterName::FromText{}, bad.data(), bad.data() + bad.size())) << bad;
   }
 }

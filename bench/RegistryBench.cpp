@@ -63,9 +63,7 @@ class Fleet {
       }
       services_.push_back(svc);
     }
-    registry_ = Controller::mountsRegistrySmFactory(world_.registry(), world_.oobStatus(),
-                                                    world_.heartbeatConfig(),
-                                                    world_.mountStatusDir(), world_.publishStatus());
+    registry_ = world_.startRegistry();
   }
   ~Fleet() { registry_->doCleanup(); }
 

@@ -117,6 +117,11 @@ ManualMountDriver* World::manualMountDriver() const {
 
 // ---- switches -------------------------------------------------------------------------------
 
+Vesk::Ptr<Controller::MountsRegistrySm> World::startRegistry() const {
+  return Controller::mountsRegistrySmFactory(registry_, oobStatus_, heartbeatConfig_,
+                                             mountStatusDir_, publishStatus_);
+}
+
 SystemId World::systemOf(unsigned index) {
   return SystemId(Corvex::EthAddr(0x001c73000000ull | (index & 0xffffu)));
 }

@@ -35,6 +35,7 @@
 #include "framework/MountDriver.h"
 #include "model/MountInterface.h"
 #include "registry/MountsRegistry.h"
+#include "registry/MountsRegistrySm.h"
 #include "sim/AutoMountDriver.h"
 #include "sim/Rng.h"
 
@@ -145,8 +146,10 @@ class World {
   ManualMountDriver* manualMountDriver() const;
 
   // ---- the registry machines ---------------------------------------------------------------
-  // Reserved for startRegistry(), which creates the registry machine over these records. The
-  // world itself starts no machine.
+  // Creates the registry machine over the world's records, as the hosting agent does. The
+  // caller keeps it and tells it doCleanup() before dropping it; the world itself starts no
+  // machine.
+  Vesk::Ptr<Controller::MountsRegistrySm> startRegistry() const;
 
   // ---- what the out-of-band and connection components do -----------------------------------
   // The system of switch `index`: 00:1c:73:00:hh:ll with the index's low 16 bits.

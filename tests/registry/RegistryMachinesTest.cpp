@@ -34,10 +34,7 @@ class RegistryMachines : public ::testing::Test {
     sm = nullptr;
   }
 
-  void start() {
-    sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(), world.heartbeatConfig(),
-                                 world.mountStatusDir(), world.publishStatus());
-  }
+  void start() { sm = world.startRegistry(); }
 
   // A service whose group mounts the paths, registered as its configuration machine would.
   Sim::ServiceDeclaration mounting(char const* service, char const* group,
@@ -520,8 +517,7 @@ TEST(RegistryMachineInvariants, ConnectingAPeerWithoutItsConfigurationStopsThePr
     auto foo = world.declareService("fooAgent", "Foo");
     foo.mountIs("g", "/a");
     world.registryMounterIs(foo, "g", "/a");
-    auto sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(), world.heartbeatConfig(),
-                                      world.mountStatusDir(), world.publishStatus());
+    auto sm = world.startRegistry();
     if (dropConfig) world.peerTable()->peer(s1)->connectionConfigIs(nullptr);
     sm->mountsRegistryEntrySm("/a")->doConnectSwitch(Sim::World::systemOf(system));
   };
@@ -542,8 +538,7 @@ TEST(RegistryCleanup, RemovingEntriesAndStoppingTheRegistryLeavesNothingBehind) 
     world.registryMounterIs(foo, "g", "/a");
     world.negotiate(s1, "Foo", 1);
     world.negotiate(s2, "Foo", 1);
-    auto sm = mountsRegistrySmFactory(world.registry(), world.oobStatus(), world.heartbeatConfig(),
-                                      world.mountStatusDir(), world.publishStatus());
+    auto sm = world.startRegistry();
     EXPECT_EQ(Vesk::liveObjects<MountSm>(), 2);
     world.registry()->mountEntryDel("/a");
     EXPECT_EQ(Vesk::liveObjects<MountSm>(), 0);

@@ -49,13 +49,12 @@ std::string entryPath(unsigned j) {
 
 class Scenario {
  public:
-  Scenario(ScenarioOptions const& o, std::ostream& out) : o_(o), out_(out), world_(worldOptions(o)) {}
+  Scenario(ScenarioOptions const& o, std::ostream& out)
+      : o_(o), out_(out), world_(worldOptions(o)) {}
 
   unsigned run() {
     declare();
-    registry_ = Controller::mountsRegistrySmFactory(world_.registry(), world_.oobStatus(),
-                                                    world_.heartbeatConfig(),
-                                                    world_.mountStatusDir(), world_.publishStatus());
+    registry_ = world_.startRegistry();
     StatusWatcher plain(world_.mountStatusDir(), world_.clock(), printer());
     StatusWatcher proxies(world_.proxyMountStatusDir(), world_.clock(), printer());
     timeline();
@@ -77,9 +76,8 @@ class Scenario {
   StatusWatcher::Sink printer() {
     return [this](StatusEvent const& e) {
       if (!o_.events) return;
-      out_ << fixed(e.time) << "  status  " << e.service << " " << e.system << " " << e.group
-           << " " << (e.path.empty() ? "(group)" : e.path) << " " << valueToStrep(e.state)
-           << "\n";
+      out_ << fixed(e.time) << "  status  " << e.service << " " << e.system << " " << e.group << " "
+           << (e.path.empty() ? "(group)" : e.path) << " " << valueToStrep(e.state) << "\n";
     };
   }
   void event(std::string const& text) {
@@ -239,7 +237,8 @@ class Scenario {
       out_ << s.name << "\n";
       auto const& status = s.declaration.status();
       std::vector<std::string> systems;
-      for (auto const& [name, st] : status->systemStatusMembers()) systems.push_back(name.stdString());
+      for (auto const& [name, st] : status->systemStatusMembers())
+        systems.push_back(name.stdString());
       std::sort(systems.begin(), systems.end());
       if (systems.empty()) out_ << "  (no switch)\n";
       for (std::string const& system : systems) {
@@ -277,7 +276,8 @@ class Scenario {
       auto entrySm = registry_->mountsRegistryEntrySm(Vesk::Name(key.first));
       auto data = entrySm ? entrySm->mountSmData(id) : nullptr;
       MountState state = data ? data->mountState() : Controller::mountStateNotMounted;
-      bool settled = state == Controller::mountStateMounted || state == Controller::mountStateFailed;
+      bool settled =
+          state == Controller::mountStateMounted || state == Controller::mountStateFailed;
       mounted += state == Controller::mountStateMounted;
       failed += state == Controller::mountStateFailed;
       if (settled != decision.mounted || (!decision.mounted && data)) {
@@ -287,8 +287,8 @@ class Scenario {
              << valueToStrep(state) << "\n";
       }
     }
-    out_ << "\nReference check: " << pairs << " (entry, switch) pairs, " << mounted
-         << " mounted, " << failed << " failed after retries, "
+    out_ << "\nReference check: " << pairs << " (entry, switch) pairs, " << mounted << " mounted, "
+         << failed << " failed after retries, "
          << (disagreements ? std::to_string(disagreements) + " disagree" : "all agree")
          << " with the reference\n";
     return disagreements;

@@ -131,11 +131,14 @@ void FullConnect(benchmark::State& state) {
     state.ResumeTiming();
     double start = cpuSeconds();
     for (unsigned i = 1; i <= kSwitches; ++i) fleet->connect(i);
+    double negotiated = cpuSeconds();
     fleet->settle();
     double seconds = cpuSeconds() - start;
     state.PauseTiming();
     report(state, *fleet, fleet->decisions(), seconds);
     state.counters["connect_s"] = seconds;
+    state.counters["negotiate_s"] = negotiated - start;
+    state.counters["settle_s"] = seconds - (negotiated - start);
     fleet.reset();
     state.ResumeTiming();
   }

@@ -165,12 +165,27 @@ void MountsRegistryEntrySm::handleMounter(Vesk::String const& serviceKey) {
                  " group:", groupOf(*mounter));
     }
     mounterConfigSm_.is(serviceKey, mounter, this);
+    mountsRegistrySm_->mounterServiceIs(serviceKey, this);
   } else if (mounterConfigSm_(serviceKey)) {
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter",
                " mounter gone:", " service:", serviceKey);
     mounterConfigSm_.cleanupAndDel(serviceKey);
+    if (!hasMounterCountingFor(serviceKey)) mountsRegistrySm_->mounterServiceDel(serviceKey, this);
   }
   handleSwitchConnection();
+}
+
+// Whether a mounter still on the entry counts for the same real service as `service` (a
+// service and its proxy both count for the real one).
+bool MountsRegistryEntrySm::hasMounterCountingFor(Vesk::String const& service) const {
+  auto realOf = [](Vesk::String const& s) {
+    return isProxyServiceName(s) ? realServiceNameOfProxy(s) : s;
+  };
+  Vesk::String const real = realOf(service);
+  for (auto const& [key, mounter] : registryEntry_->mounterMembers()) {
+    if (realOf(key) == real) return true;
+  }
+  return false;
 }
 
 void MountsRegistryEntrySm::handleMounter() {
@@ -548,6 +563,9 @@ void MountsRegistryEntrySm::doCleanup() {
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doCleanup", " path:", registryEntry_->name());
   cleaningUp_ = true;
   entryReactor_.reset();
+  for (Vesk::String const& service : mounterConfigSm_.keys()) {
+    mountsRegistrySm_->mounterServiceDel(service, this);
+  }
   {
     ReevaluationBatch batch(*this);
     mounterConfigSm_.cleanupAndDelAll();

@@ -100,6 +100,7 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   friend class MountStateReactor;
 
   Vesk::Ptr<PeerTable const> peerTable() const;
+  bool hasMounterCountingFor(Vesk::String const& service) const;
   // handleMountState with the group status the caller has already found.
   void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state,
                         ServiceMountGroupStatus& group);

@@ -10,14 +10,6 @@ namespace Controller {
 namespace {
 Vesk::TraceHandle traceHandle("MountsRegistrySm", true);
 
-// Whether a mounter's service is `service` itself or a proxy of it; compares in place.
-bool countsForService(Vesk::String const& mounterService, Vesk::String const& service) {
-  if (mounterService == service) return true;
-  std::string_view m = mounterService.view();
-  return m.size() == service.size() + 6 && isProxyServiceName(mounterService) &&
-         m.substr(0, service.size()) == service.view();
-}
-
 // A connection is named by its system's text form; an unparsable name names no system.
 bool systemOfConnection(Vesk::String const& connection, SystemId& out) {
   return out.stringValueIs(connection);
@@ -183,33 +175,62 @@ void MountsRegistrySm::handleServiceSwitchConnection(SystemId const& systemId,
                                                      Vesk::String const& service) {
   VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServiceSwitchConnection",
              " peer:", systemId.stringValue(), " service:", service);
-  for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
-    MountsRegistryEntry const* registryEntry = entrySm->registryEntry().ptr();
-    VESK_ASSERT(registryEntry);
-    for (auto const& [serviceKey, mounter] : registryEntry->mounterMembers()) {
-      if (countsForService(serviceKey, service)) {
-        entrySm->handleSwitchConnection(systemId);
-        break;
-      }
-    }
+  EntrySet const* entries = entriesByService_.find(realServiceOf(service));
+  if (!entries) return;
+  for (auto const& [name, entrySm] : *entries) {
+    VESK_ASSERT(entrySm->registryEntry());
+    entrySm->handleSwitchConnection(systemId);
   }
+}
+
+Vesk::Name MountsRegistrySm::realServiceOf(Vesk::String const& service) const {
+  if (!isProxyServiceName(service)) return service;
+  auto [real, isNew] = realServiceOfProxy_.emplace(Vesk::Name(service));
+  if (isNew) *real = realServiceNameOfProxy(service);
+  return *real;
+}
+
+void MountsRegistrySm::mounterServiceIs(Vesk::String const& mounterService,
+                                        MountsRegistryEntrySm* entrySm) {
+  EntrySet& entries = *entriesByService_.emplace(realServiceOf(mounterService)).first;
+  entries.emplace(entrySm->registryEntry()->name(), entrySm);
+}
+
+void MountsRegistrySm::mounterServiceDel(Vesk::String const& mounterService,
+                                         MountsRegistryEntrySm* entrySm) {
+  Vesk::Name const real = realServiceOf(mounterService);
+  EntrySet* entries = entriesByService_.find(real);
+  if (!entries) return;
+  entries->erase(entrySm->registryEntry()->name());
+  if (entries->empty()) entriesByService_.erase(real);
+}
+
+size_t MountsRegistrySm::entriesOfService(Vesk::String const& service) const {
+  EntrySet const* entries = entriesByService_.find(realServiceOf(service));
+  return entries ? entries->size() : 0;
 }
 
 uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(
     Vesk::String const& service, Vesk::String const& connection) const {
+  SystemId systemId;
+  if (!systemOfConnection(connection, systemId)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
+               " no version negotiated for ", connection, " for service ", service);
+    return 0;
+  }
+  return negotiatedServiceVersionForSystem(service, systemId);
+}
+
+uint32_t MountsRegistrySm::negotiatedServiceVersionForSystem(Vesk::String const& service,
+                                                             SystemId const& systemId) const {
+  Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 8, "MountsRegistrySm::negotiatedServiceVersionForConnection",
              " service:", service, " connection:", connection);
-  SystemId systemId;
-  Peer const* peer = nullptr;
-  if (peerTable_ && systemOfConnection(connection, systemId)) {
-    peer = peerTable_->peer(systemId).ptr();
-  }
-  if (!peer) return 0;
-  Vesk::String const& realService =
-      isProxyServiceName(service) ? realServiceNameOfProxy(service) : service;
+  Peer const* peer = peerTable_ ? peerTable_->peer(systemId).ptr() : nullptr;
+  Vesk::Name const realService = realServiceOf(service);
   // A version counts only once its negotiation has completed and found it compatible.
-  ServiceStatusDir const* dir = peer->serviceStatusDir().ptr();
-  Vesk::Ptr<ServiceStatusV1> status = dir ? dir->service(Vesk::Name(realService)) : nullptr;
+  ServiceStatusDir const* dir = peer ? peer->serviceStatusDir().ptr() : nullptr;
+  Vesk::Ptr<ServiceStatusV1> status = dir ? dir->service(realService) : nullptr;
   ServiceVersionStatusV1 const* version =
       status && status->enabled() ? status->versionStatus().ptr() : nullptr;
   if (version && version->versionNegotiationComplete() && version->versionCompatible() &&

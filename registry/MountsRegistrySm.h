@@ -67,6 +67,15 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   void handleServiceSwitchConnection(SystemId const& systemId, Vesk::String const& service);
   uint32_t negotiatedServiceVersionForConnection(Vesk::String const& service,
                                                  Vesk::String const& connection) const;
+  // The same for a system whose identity the caller holds: no connection name to parse.
+  uint32_t negotiatedServiceVersionForSystem(Vesk::String const& service,
+                                             SystemId const& systemId) const;
+  // The entries that have a mounter counting for a (real) service, kept by the entry
+  // machines as their mounters come and go, so that a version report on one connection
+  // visits only the entries it concerns.
+  void mounterServiceIs(Vesk::String const& mounterService, MountsRegistryEntrySm* entrySm);
+  void mounterServiceDel(Vesk::String const& mounterService, MountsRegistryEntrySm* entrySm);
+  size_t entriesOfService(Vesk::String const& service) const;
   void handleInitialized();
   // Cleans up and drops every child, so that nothing the machine made outlives it.
   void doCleanup();
@@ -75,6 +84,10 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   class RegistryReactor;
   class OobStatusReactor;
   class PeerTableReactor;
+  using EntrySet = Vesk::HashMap<Vesk::Name, Vesk::Ptr<MountsRegistryEntrySm>>;
+
+  // The real service a mounter's service counts for: itself, or the service it proxies.
+  Vesk::Name realServiceOf(Vesk::String const& service) const;
 
   Vesk::Ptr<MountsRegistry> const mountsRegistry_;
   Vesk::Ptr<ControllerOob::Status const> const oobStatus_;
@@ -87,6 +100,9 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   std::unique_ptr<RegistryReactor> registryReactor_;
   std::unique_ptr<OobStatusReactor> oobStatusReactor_;
   std::unique_ptr<PeerTableReactor> peerTableReactor_;
+  Vesk::HashMap<Vesk::Name, EntrySet> entriesByService_;
+  // Real service names of the proxy names seen so far, so that a lookup does not build one.
+  mutable Vesk::HashMap<Vesk::Name, Vesk::Name> realServiceOfProxy_;
   bool initialized_ = false;
   [[no_unique_address]] Vesk::LiveCount<MountsRegistrySm> liveCount_;
 };

@@ -5,6 +5,7 @@
 #include "framework/Assert.h"
 #include "framework/Trace.h"
 #include "registry/MountsRegistryEntrySm.h"
+#include "registry/MountsRegistrySm.h"
 
 namespace Controller {
 
@@ -256,6 +257,8 @@ void MounterConfigSm::removeStatusRecords() {
   Vesk::Name path(entryPath());
   status->mountedPathPrefixDel(path);
   Vesk::Name group(mounter_->mounterName().groupName());
+  MountGroupSummaries& summaries =
+      mountsRegistryEntrySm_->mountsRegistrySm()->mountGroupSummaries();
   std::vector<Vesk::Name> systems;
   for (auto const& [system, systemStatus] : status->systemStatusMembers())
     systems.push_back(system);
@@ -263,14 +266,17 @@ void MounterConfigSm::removeStatusRecords() {
     Vesk::Ptr<SystemStatus> systemStatus = status->systemStatus(system);
     if (!systemStatus) continue;
     Vesk::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(group);
-    if (groupStatus && groupStatus->mountStatus(path)) {
+    if (Vesk::Ptr<MountStatus> mount = groupStatus ? groupStatus->mountStatus(path) : nullptr) {
       VESK_TRACE(traceHandle, 5, "MounterConfigSm::doCleanup", ": Deleting mount status for ",
                  path);
+      MountState const last = mount->mountState();
       groupStatus->mountStatusDel(path);
+      summaries.memberDel(*groupStatus, last);
     }
     if (groupStatus && groupStatus->mountStatusSize() == 0) {
       VESK_TRACE(traceHandle, 5, "MounterConfigSm::doCleanup", ": Deleting mount group status for ",
                  group);
+      summaries.groupDel(*groupStatus);
       systemStatus->serviceMountGroupStatusDel(group);
     }
     if (systemStatus->serviceMountGroupStatusSize() == 0) {

@@ -2,6 +2,7 @@
 
 #include "framework/Assert.h"
 #include "framework/Trace.h"
+#include "registry/MountGroupSummary.h"
 #include "registry/MounterConfigSm.h"
 #include "registry/MountsRegistrySm.h"
 
@@ -49,6 +50,15 @@ class MountsRegistryEntrySm::MountStateReactor
   // Where the mount appears locally once mounted: the mount's target path and the entry's.
   Vesk::String const& mountedPath() const { return mountedPath_; }
   void mountedPathIs(Vesk::String const& p) { mountedPath_ = p; }
+  // The status records of one mounter for this mount's system, kept between state changes.
+  StatusRecords& statusRecords(Mounter const& mounter) {
+    for (StatusRecords& records : statusRecords_) {
+      if (records.mounter.ptr() == &mounter) return records;
+    }
+    statusRecords_.emplace_back();
+    statusRecords_.back().mounter = Vesk::Ptr<Mounter const>(&mounter);
+    return statusRecords_.back();
+  }
 
   void onMountState() override {
     Vesk::Ptr<MountStateReactor> self(this);  // deleting the mount deletes this reactor
@@ -58,7 +68,7 @@ class MountsRegistryEntrySm::MountStateReactor
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState",
                " connection:", connectionId.stringValue(), " oldMountState:", oldState,
                " newMountState:", newState);
-    owner_->updateMountersStatus(connectionId, newState);
+    owner_->updateMountersStatus(connectionId, newState, this);
     if (oldState == mountStateNotMounted || newState != mountStateNotMounted) {
       oldState_ = newState;
       return;
@@ -73,6 +83,7 @@ class MountsRegistryEntrySm::MountStateReactor
   Vesk::Ptr<MountSmData> const data_;
   MountState oldState_;
   Vesk::String mountedPath_;
+  std::vector<StatusRecords> statusRecords_;
   [[no_unique_address]] Vesk::LiveCount<MountStateReactor> liveCount_;
 };
 
@@ -211,14 +222,14 @@ void MountsRegistryEntrySm::evaluateMounters() {
 void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   if (!initialized_) return;
   ++decisions_;
-  Vesk::String connection = systemId.stringValue();
+  Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Peer:", connection);
   Vesk::Ptr<PeerTable const> peers = peerTable();
   Vesk::Ptr<Peer> peer = peers ? peers->peer(systemId) : nullptr;
   if (peer) {
     updateSystemStatus(systemId);
     if (!peer->connectionConfig()) return;
-    if (canMountFromConnection(connection)) {
+    if (canMountFromSystem(systemId)) {
       doConnectSwitch(systemId);
     } else {
       VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
@@ -257,11 +268,22 @@ void MountsRegistryEntrySm::handleNamedSwitchConnection(Vesk::String const& conn
 }
 
 bool MountsRegistryEntrySm::canMountFromConnection(Vesk::String const& connection) {
+  SystemId systemId;
+  if (!systemId.stringValueIs(connection)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+               " no version negotiated:", connection);
+    return false;
+  }
+  return canMountFromSystem(systemId);
+}
+
+bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId) {
+  Vesk::String const& connection = systemId.stringValue();
   bool negotiated = false;
   if (!cleaningUp_) {
     for (auto const& [key, m] : registryEntry_->mounterMembers()) {
-      if (mountsRegistrySm_->negotiatedServiceVersionForConnection(serviceOf(*m.ptr()),
-                                                                   connection) != 0) {
+      if (mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(*m.ptr()), systemId) !=
+          0) {
         negotiated = true;
         break;
       }
@@ -278,7 +300,7 @@ bool MountsRegistryEntrySm::canMountFromConnection(Vesk::String const& connectio
     return true;
   }
   if (!versionFilter_.empty()) {
-    if (!connectionMatchesVersionFilter(connection)) {
+    if (!systemMatchesVersionFilter(systemId)) {
       VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
                  " version filter not matched for ", connection);
       return false;
@@ -305,21 +327,38 @@ bool MountsRegistryEntrySm::canMountFromConnection(Vesk::String const& connectio
 }
 
 bool MountsRegistryEntrySm::connectionMatchesVersionFilter(Vesk::String const& connection) {
+  SystemId systemId;
+  return systemId.stringValueIs(connection) && systemMatchesVersionFilter(systemId);
+}
+
+bool MountsRegistryEntrySm::systemMatchesVersionFilter(SystemId const& systemId) {
   for (auto const& [service, filter] : versionFilter_) {
-    if (matchingServiceVersionFilter(service, connection)) return true;
+    if (matchingServiceVersionFilter(service, systemId)) return true;
   }
   return false;
 }
 
 bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& service,
                                                          Vesk::String const& connection) {
+  SystemId systemId;
+  if (!systemId.stringValueIs(connection)) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter", " no version",
+               " service:", service, " connection:", connection);
+    return false;
+  }
+  return matchingServiceVersionFilter(service, systemId);
+}
+
+bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& service,
+                                                         SystemId const& systemId) {
+  Vesk::String const& connection = systemId.stringValue();
   Vesk::Ptr<ServiceVersionFilter> filter = versionFilter(Vesk::Name(service));
   if (!filter) {
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter",
                " no version filter for service ", service);
     return false;
   }
-  uint32_t version = mountsRegistrySm_->negotiatedServiceVersionForConnection(service, connection);
+  uint32_t version = mountsRegistrySm_->negotiatedServiceVersionForSystem(service, systemId);
   if (version == 0) {
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter", " no version",
                " service:", service, " connection:", connection);
@@ -340,14 +379,21 @@ bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& ser
 
 bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mounter,
                                                             Vesk::String const& connection) {
+  SystemId systemId;
+  if (!systemId.stringValueIs(connection)) return false;
+  return mounterIsInterestedInConnection(mounter, systemId);
+}
+
+bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mounter,
+                                                            SystemId const& systemId) {
   ServiceMountGroupConfig const* group = mounter.mountGroupConfig().ptr();
   if (!group) return false;
   if (MountFilterSystem const* systems = group->systemFilter().ptr()) {
-    if (!systems->includedSystem(connection)) return false;
+    if (!systems->includedSystem(systemId.stringValue())) return false;
   }
   if (MountFilterServiceVersion const* versions = group->versionFilter().ptr()) {
     uint32_t version =
-        mountsRegistrySm_->negotiatedServiceVersionForConnection(serviceOf(mounter), connection);
+        mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(mounter), systemId);
     if (version == 0 || !versions->includedServiceVersion(version)) return false;
   }
   return true;
@@ -453,11 +499,16 @@ void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
 // ---- writing results into the services' mount status --------------------------------------
 
 void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state) {
+  updateMountersStatus(systemId, state, mountSmDataSm_(systemId).ptr());
+}
+
+void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state,
+                                                 MountStateReactor* reactor) {
   if (cleaningUp_) return;  // the mounters have taken their status records down
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateMountersStatus", " mount state:", state,
              " connection:", systemId.stringValue());
   for (auto const& [key, m] : registryEntry_->mounterMembers()) {
-    updateMounterStatus(*m.ptr(), systemId, state);
+    updateMounterStatus(*m.ptr(), systemId, state, reactor);
   }
 }
 
@@ -468,63 +519,86 @@ Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::groupStatus(
   return system ? system->serviceMountGroupStatus(Vesk::Name(groupOf(mounter))) : nullptr;
 }
 
+// The group status through the records the mount's reactor kept, while they are still
+// linked into the service's status; otherwise looked up, and the records refreshed.
+Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::groupStatus(
+    Mounter const& mounter, SystemId const& systemId, StatusRecords* records) const {
+  if (!records) return groupStatus(mounter, systemId);
+  if (records->linkedTo(*mounter.serviceMountStatus())) return records->group;
+  records->system = mounter.serviceMountStatus()->systemStatus(Vesk::Name(systemId.stringValue()));
+  records->group = records->system
+                       ? records->system->serviceMountGroupStatus(Vesk::Name(groupOf(mounter)))
+                       : nullptr;
+  records->mount = nullptr;
+  return records->group;
+}
+
 void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId const& systemId,
                                                 MountState state) {
+  updateMounterStatus(mounter, systemId, state, mountSmDataSm_(systemId).ptr());
+}
+
+void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId const& systemId,
+                                                MountState state, MountStateReactor* reactor) {
   VESK_ASSERT(mounter.serviceMountStatus());
   VESK_ASSERT(mounter.mountGroupConfig());
-  Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId);
+  StatusRecords* records = reactor ? &reactor->statusRecords(mounter) : nullptr;
+  Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId, records);
   Vesk::Name const& mount = registryEntry_->name();
   VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::updateMounterStatus",
              "group: ", groupOf(mounter), " mount: ", mount);
   VESK_TRACE(traceHandle, 8, "%s config: ",
              mounter.mountConfig() ? mounter.mountConfig()->remotePath() : Vesk::Name());
   if (!group) return;  // the system's statuses are gone with its peer
-  if (mounterIsInterestedInConnection(mounter, systemId.stringValue())) {
-    group->mountStatusIs(mount);
-    handleMountState(mounter, systemId, state, *group);
+  MountGroupSummaries& summaries = mountsRegistrySm_->mountGroupSummaries();
+  if (mounterIsInterestedInConnection(mounter, systemId)) {
+    Vesk::Ptr<MountStatus> status =
+        records && records->mount && records->mount->parentRaw() == group.ptr() ? records->mount
+                                                                                : nullptr;
+    if (!status) {
+      size_t const before = group->mountStatusSize();
+      status = group->mountStatusIs(mount);
+      if (group->mountStatusSize() != before) summaries.memberIs(*group, status->mountState());
+      if (records) records->mount = status;
+    }
+    handleMountState(mounter, systemId, state, *group, *status, reactor);
   } else {
-    group->mountStatusDel(mount);
+    if (Vesk::Ptr<MountStatus> status = group->mountStatus(mount)) {
+      MountState const last = status->mountState();
+      group->mountStatusDel(mount);
+      summaries.memberDel(*group, last);
+    }
+    if (records) records->mount = nullptr;
   }
   group->processedIs(true);
 }
 
 void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId const& systemId,
                                              MountState state) {
-  if (Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId)) {
-    handleMountState(mounter, systemId, state, *group);
+  Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId);
+  Vesk::Ptr<MountStatus> status = group ? group->mountStatus(registryEntry_->name()) : nullptr;
+  if (status) {
+    handleMountState(mounter, systemId, state, *group, *status, mountSmDataSm_(systemId).ptr());
   }
 }
 
 void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId const& systemId,
-                                             MountState state, ServiceMountGroupStatus& group) {
-  Vesk::Name const& path = registryEntry_->name();
+                                             MountState state, ServiceMountGroupStatus& group,
+                                             MountStatus& status, MountStateReactor* reactor) {
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", "mount state:", state,
              " connection:", systemId.stringValue(), " service:", serviceOf(mounter),
-             " mountGroup:", groupOf(mounter), " remote path:", path);
-  Vesk::Ptr<MountStatus> status = group.mountStatus(path);
-  if (!status) return;
-  if (state == mountStateMounted) {
-    if (Vesk::Ptr<MountStateReactor> reactor = mountSmDataSm_(systemId)) {
-      status->mountedPathIs(reactor->mountedPath());
-    }
-  }
-  status->mountStateIs(state);
+             " mountGroup:", groupOf(mounter), " remote path:", registryEntry_->name());
+  if (state == mountStateMounted && reactor) status.mountedPathIs(reactor->mountedPath());
+  MountState const from = status.mountState();
+  status.mountStateIs(state);
+  mountsRegistrySm_->mountGroupSummaries().memberStateIs(group, from, state);
   updateMountGroupMountState(*mounter.mountGroupConfig(), group, state);
 }
 
 void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig const&,
                                                        ServiceMountGroupStatus& groupStatus,
                                                        MountState state) {
-  bool allAgree = true;
-  for (auto const& [path, mount] : groupStatus.mountStatusMembers()) {
-    MountState s = mount->mountState();
-    if (s == mountStateFailed) {
-      groupStatus.mountStateIs(mountStateFailed);
-      return;
-    }
-    if (s != state) allAgree = false;
-  }
-  groupStatus.mountStateIs(allAgree ? state : mountStateNotMounted);
+  groupStatus.mountStateIs(mountsRegistrySm_->mountGroupSummaries().summary(groupStatus, state));
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
@@ -539,7 +613,10 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
     if (present) {
       status->systemStatusIs(Vesk::Name(system))
           ->serviceMountGroupStatusIs(Vesk::Name(groupOf(*m.ptr())));
-    } else {
+    } else if (Vesk::Ptr<SystemStatus> gone = status->systemStatus(Vesk::Name(system))) {
+      for (auto const& [group, groupStatus] : gone->serviceMountGroupStatusMembers()) {
+        mountsRegistrySm_->mountGroupSummaries().groupDel(*groupStatus.ptr());
+      }
       status->systemStatusDel(Vesk::Name(system));
     }
   }

@@ -67,7 +67,13 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   bool canMountFromConnection(Vesk::String const& connection);
   bool connectionMatchesVersionFilter(Vesk::String const& connection);
   bool matchingServiceVersionFilter(Vesk::String const& service, Vesk::String const& connection);
+  // The same decisions for a system whose identity the caller holds: a connection is named
+  // by its system's text form, so these skip parsing the name back.
+  bool canMountFromSystem(SystemId const& systemId);
+  bool systemMatchesVersionFilter(SystemId const& systemId);
+  bool matchingServiceVersionFilter(Vesk::String const& service, SystemId const& systemId);
   bool mounterIsInterestedInConnection(Mounter const& mounter, Vesk::String const& connection);
+  bool mounterIsInterestedInConnection(Mounter const& mounter, SystemId const& systemId);
   bool preserveMountsOnDisconnect(SystemId const& systemId);
   void doConnectSwitch(SystemId const& systemId);
   void doDisconnectSwitch(SystemId const& systemId);
@@ -99,11 +105,32 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   class MountStateReactor;
   friend class MountStateReactor;
 
+  // One mounter's status records for one system: the service's system status, the group
+  // status in it and the entry's mount status in that. A mount's reactor keeps them between
+  // state changes, so that a change of state does not look them up again.
+  struct StatusRecords {
+    Vesk::Ptr<Mounter const> mounter;
+    Vesk::Ptr<SystemStatus> system;
+    Vesk::Ptr<ServiceMountGroupStatus> group;
+    Vesk::Ptr<MountStatus> mount;
+    // Whether the system and group statuses are still members of the service's status.
+    bool linkedTo(ServiceMountStatus const& service) const {
+      return group && group->parentRaw() == system.ptr() && system->parentRaw() == &service;
+    }
+  };
+
   Vesk::Ptr<PeerTable const> peerTable() const;
   bool hasMounterCountingFor(Vesk::String const& service) const;
-  // handleMountState with the group status the caller has already found.
+  void updateMountersStatus(SystemId const& systemId, MountState state,
+                            MountStateReactor* reactor);
+  void updateMounterStatus(Mounter const& mounter, SystemId const& systemId, MountState state,
+                           MountStateReactor* reactor);
+  Vesk::Ptr<ServiceMountGroupStatus> groupStatus(Mounter const& mounter, SystemId const& systemId,
+                                                 StatusRecords* records) const;
+  // handleMountState with the records the caller has already found.
   void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state,
-                        ServiceMountGroupStatus& group);
+                        ServiceMountGroupStatus& group, MountStatus& status,
+                        MountStateReactor* reactor);
   void mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data);
   // The mount machine, its data and its reactor go together.
   void mountSmDel(SystemId const& systemId);

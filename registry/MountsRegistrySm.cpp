@@ -258,6 +258,7 @@ void MountsRegistrySm::doCleanup() {
   peerTableReactor_.reset();
   mountsRegistryEntrySm_.cleanupAndDelAll();
   connectionServiceStatusDirSm_.cleanupAndDelAll();
+  mountGroupSummaries_.clear();
   if (peerTable_ && controllerdbPublishStatus_) {
     for (auto const& [systemId, peer] : peerTable_->peerMembers()) {
       controllerdbPublishStatus_->systemDel(systemId);

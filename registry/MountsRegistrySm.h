@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "framework/Machine.h"
+#include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {
@@ -76,6 +77,8 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   void mounterServiceIs(Vesk::String const& mounterService, MountsRegistryEntrySm* entrySm);
   void mounterServiceDel(Vesk::String const& mounterService, MountsRegistryEntrySm* entrySm);
   size_t entriesOfService(Vesk::String const& service) const;
+  // The summary state of every mount group status the entry machines write.
+  MountGroupSummaries& mountGroupSummaries() { return mountGroupSummaries_; }
   void handleInitialized();
   // Cleans up and drops every child, so that nothing the machine made outlives it.
   void doCleanup();
@@ -101,6 +104,7 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   std::unique_ptr<OobStatusReactor> oobStatusReactor_;
   std::unique_ptr<PeerTableReactor> peerTableReactor_;
   Vesk::HashMap<Vesk::Name, EntrySet> entriesByService_;
+  MountGroupSummaries mountGroupSummaries_;
   // Real service names of the proxy names seen so far, so that a lookup does not build one.
   mutable Vesk::HashMap<Vesk::Name, Vesk::Name> realServiceOfProxy_;
   bool initialized_ = false;

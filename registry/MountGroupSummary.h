@@ -1,0 +1,68 @@
+// MountGroupSummaries: every mount group status's summary state, kept incrementally.
+//
+// A group status summarises the mount statuses in it: failed (3) as soon as one mount has
+// failed, the state every mount shares when they all agree, and not mounted (0) when they
+// disagree. Walking the group's mount statuses on every change of one of them costs a pass
+// over the group, and at scale a cache miss per member. Instead the summaries count each
+// group's mount statuses per state, and the writers of mount statuses report every change:
+//
+//   memberIs(group, state)              a mount status was added to the group
+//   memberDel(group, state)             one in that state was removed
+//   memberStateIs(group, from, to)      one changed state
+//   groupDel(group)                     the group status was removed
+//
+// summary(group, state) then answers in constant time. A group whose number of members no
+// longer matches the count (a change that was not reported) is counted afresh by one walk,
+// and so is a group seen for the first time. Debug builds check every answer against the
+// walk.
+//
+// A record holds its group status, so a group status that is removed without groupDel stays
+// alive (and its record with it) until clear().
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "framework/HashMap.h"
+#include "model/MountInterface.h"
+
+namespace Controller {
+
+class MountGroupSummaries {
+ public:
+  void memberIs(ServiceMountGroupStatus& group, MountState state);
+  void memberDel(ServiceMountGroupStatus& group, MountState state);
+  void memberStateIs(ServiceMountGroupStatus& group, MountState from, MountState to);
+  void groupDel(ServiceMountGroupStatus const& group);
+  void clear() { counts_.clear(); }
+  size_t groups() const { return counts_.size(); }
+
+  // The group's summary after one of its mounts has moved to `state`.
+  MountState summary(ServiceMountGroupStatus& group, MountState state);
+
+  // The same, computed by walking the group's mount statuses.
+  static MountState walkedSummary(ServiceMountGroupStatus const& group, MountState state);
+
+ private:
+  // States at or above kCounted are rare enough to be counted together; a summary that
+  // needs to tell them apart walks the group.
+  static constexpr uint32_t kCounted = 8;
+  struct Counts {
+    Vesk::Ptr<ServiceMountGroupStatus> group;
+    std::array<uint32_t, kCounted + 1> perState{};
+    uint32_t members = 0;
+  };
+
+  static uint64_t keyOf(ServiceMountGroupStatus const& group) {
+    return uint64_t(reinterpret_cast<uintptr_t>(&group));
+  }
+  static uint32_t slotOf(MountState state) { return state < kCounted ? state : kCounted; }
+  // The group's record, counted afresh when it is new or out of step with the group.
+  Counts& countsOf(ServiceMountGroupStatus& group);
+  // The record as it stands, or null; for reports that the next countsOf would redo anyway.
+  Counts* heldCounts(ServiceMountGroupStatus const& group);
+
+  Vesk::HashMap<uint64_t, Counts> counts_;
+};
+
+}  // namespace Controller

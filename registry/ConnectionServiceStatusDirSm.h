@@ -19,9 +19,8 @@ class MountsRegistrySm;
 class ConnectionServiceStatusDirSm : public Vesk::PtrInterface {
  public:
   static constexpr char const* typeName = "Controller::ConnectionServiceStatusDirSm";
-  static constexpr std::array<char const*, 3> inputNames{"connectionName",
-                                                         "controllerServiceStatusDir",
-                                                         "mountsRegistrySm"};
+  static constexpr std::array<char const*, 3> inputNames{
+      "connectionName", "controllerServiceStatusDir", "mountsRegistrySm"};
 
   class ServiceStatusSm;
 

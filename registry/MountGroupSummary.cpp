@@ -15,8 +15,7 @@ MountState MountGroupSummaries::walkedSummary(ServiceMountGroupStatus const& gro
   return allAgree ? state : mountStateNotMounted;
 }
 
-MountGroupSummaries::Counts* MountGroupSummaries::heldCounts(
-    ServiceMountGroupStatus const& group) {
+MountGroupSummaries::Counts* MountGroupSummaries::heldCounts(ServiceMountGroupStatus const& group) {
   return counts_.find(keyOf(group));
 }
 

@@ -22,9 +22,8 @@ class MounterConfigSm;
 class MountsRegistryEntrySm : public Vesk::PtrInterface {
  public:
   static constexpr char const* typeName = "Controller::MountsRegistryEntrySm";
-  static constexpr std::array<char const*, 4> inputNames{"registryEntry", "oobStatus",
-                                                         "serviceMountStatusDir",
-                                                         "mountsRegistrySm"};
+  static constexpr std::array<char const*, 4> inputNames{
+      "registryEntry", "oobStatus", "serviceMountStatusDir", "mountsRegistrySm"};
 
   MountsRegistryEntrySm(Vesk::Ptr<MountsRegistryEntry> const& registryEntry,
                         Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
@@ -121,8 +120,7 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
 
   Vesk::Ptr<PeerTable const> peerTable() const;
   bool hasMounterCountingFor(Vesk::String const& service) const;
-  void updateMountersStatus(SystemId const& systemId, MountState state,
-                            MountStateReactor* reactor);
+  void updateMountersStatus(SystemId const& systemId, MountState state, MountStateReactor* reactor);
   void updateMounterStatus(Mounter const& mounter, SystemId const& systemId, MountState state,
                            MountStateReactor* reactor);
   Vesk::Ptr<ServiceMountGroupStatus> groupStatus(Mounter const& mounter, SystemId const& systemId,

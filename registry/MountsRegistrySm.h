@@ -23,9 +23,9 @@ class ConnectionServiceStatusDirSm;
 class MountsRegistrySm : public Vesk::PtrInterface {
  public:
   static constexpr char const* typeName = "Controller::MountsRegistrySm";
-  static constexpr std::array<char const*, 5> inputNames{
-      "mountsRegistry", "oobStatus", "heartbeatConfig", "serviceMountStatusDir",
-      "controllerdbPublishStatus"};
+  static constexpr std::array<char const*, 5> inputNames{"mountsRegistry", "oobStatus",
+                                                         "heartbeatConfig", "serviceMountStatusDir",
+                                                         "controllerdbPublishStatus"};
 
   MountsRegistrySm(Vesk::Ptr<MountsRegistry> const& mountsRegistry,
                    Vesk::Ptr<ControllerOob::Status const> const& oobStatus,
@@ -49,8 +49,7 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   bool initialized() const { return initialized_; }
 
   Vesk::Ptr<MountsRegistryEntrySm> mountsRegistryEntrySm(Vesk::Name const& name) const;
-  Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> const& mountsRegistryEntrySms()
-      const {
+  Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> const& mountsRegistryEntrySms() const {
     return mountsRegistryEntrySm_;
   }
   Vesk::Ptr<ConnectionServiceStatusDirSm> connectionServiceStatusDirSm(

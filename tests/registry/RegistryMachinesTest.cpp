@@ -7,6 +7,7 @@
 
 #include "framework/Trace.h"
 #include "registry/ConnectionServiceStatusDirSm.h"
+#include "registry/MountGroupSummary.h"
 #include "registry/MounterConfigSm.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
@@ -259,6 +260,79 @@ TEST_F(RegistryMachines, TheGroupSummaryLetsFailureWinAndReadsDisagreementAsZero
   EXPECT_EQ(mountStatus(foo, s1, "g", "/a")->mountedPath(),
             entrySm("/a")->mountSm(s1)->targetPath() + "/a")
       << "a mount that leaves the mounted state keeps its last mounted path";
+}
+
+TEST_F(RegistryMachines, TheGroupSummaryForgetsMountsThatLeaveTheGroup) {
+  SystemId s1 = world.connectSwitch(1);
+  auto foo = world.declareService("fooAgent", "Foo");
+  for (char const* p : {"/a", "/b", "/c"}) {
+    foo.mountIs("g", p);
+    world.registryMounterIs(foo, "g", p);
+  }
+  foo.systemFilterIs("g", {s1});
+  world.negotiate(s1, "Foo", 1);
+  start();
+  settle("/a", s1, mountStateFailed);
+  settle("/b", s1, mountStateMounted);
+  settle("/c", s1, mountStateMounted);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateFailed);
+
+  world.registry()->mountEntry("/a")->mounterDel("Foo");  // its cleanup takes /a's status
+  ASSERT_FALSE(mountStatus(foo, s1, "g", "/a"));
+  settle("/b", s1, mountStateMounting);
+  settle("/b", s1, mountStateMounted);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted)
+      << "the failed mount left with its mounter";
+
+  settle("/b", s1, mountStateFailed);
+  foo.config()->systemFilter("g")->includedSystemDel(s1.stringValue());
+  settle("/b", s1, mountStateUnmounting);
+  EXPECT_FALSE(mountStatus(foo, s1, "g", "/b")) << "the group is no longer interested in s1";
+  foo.config()->systemFilter("g")->includedSystemIs(s1.stringValue(), true);
+  settle("/b", s1, mountStateMounted);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted)
+      << "the failure went with the status the filter change removed";
+}
+
+TEST_F(RegistryMachines, AVersionReportVisitsOnlyTheEntriesOfItsService) {
+  SystemId s1 = world.connectSwitch(1);
+  mounting("Foo", "g", {"/a", "/b"});
+  mounting("Bar-Proxy", "g", {"/b", "/c"});
+  start();
+  EXPECT_EQ(sm->entriesOfService("Foo"), 2u);
+  EXPECT_EQ(sm->entriesOfService("Bar"), 2u) << "a proxy's entries count for its real service";
+  auto decisionsOf = [&](char const* path) { return entrySm(path)->decisions(); };
+  uint64_t const a = decisionsOf("/a"), b = decisionsOf("/b"), c = decisionsOf("/c");
+  world.negotiate(s1, "Bar", 1);
+  EXPECT_EQ(decisionsOf("/a"), a);
+  EXPECT_EQ(decisionsOf("/b"), b + 1);
+  EXPECT_EQ(decisionsOf("/c"), c + 1);
+
+  world.registry()->mountEntry("/b")->mounterDel("Bar-Proxy");
+  EXPECT_EQ(sm->entriesOfService("Bar"), 1u);
+  uint64_t const b2 = decisionsOf("/b");
+  world.renegotiate(s1, "Bar", 2);
+  EXPECT_EQ(decisionsOf("/b"), b2) << "/b no longer has a mounter of Bar";
+  world.registry()->mountEntryDel("/a");
+  world.registry()->mountEntryDel("/b");
+  EXPECT_EQ(sm->entriesOfService("Foo"), 0u);
+}
+
+TEST(MountGroupSummaries, AGroupChangedWithoutAReportIsCountedAfresh) {
+  MountGroupSummaries summaries;
+  Vesk::Ptr<ServiceMountGroupStatus> group(new ServiceMountGroupStatus("g"));
+  for (char const* p : {"/a", "/b"}) group->mountStatusIs(p)->mountStateIs(mountStateMounted);
+  EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateMounted);
+  group->mountStatusIs("/c");  // not reported: still in state 0
+  EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateNotMounted);
+  group->mountStatus("/c")->mountStateIs(mountStateFailed);
+  summaries.memberStateIs(*group, mountStateNotMounted, mountStateFailed);
+  EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateFailed);
+  group->mountStatusDel("/c");
+  summaries.memberDel(*group, mountStateFailed);
+  EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateMounted);
+  summaries.groupDel(*group);
+  EXPECT_EQ(summaries.groups(), 0u);
 }
 
 TEST_F(RegistryMachines, MountMachinesGetTheRegistrysParametersWithTheirNoLimitForms) {

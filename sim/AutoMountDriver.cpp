@@ -42,11 +42,16 @@ void AutoMountDriver::failureProbabilityDel(Controller::SystemId const& system) 
   systemFailureProbability_.erase(system);
 }
 
-bool AutoMountDriver::knows(MountSm const& sm) const { return mounts_.count(&sm) != 0; }
+AutoMountDriver::Mount* AutoMountDriver::heldMount(MountSm const& sm) const {
+  auto* m = static_cast<Mount*>(sm.driverState());
+  return m && m->driver_ == this ? m : nullptr;
+}
+
+bool AutoMountDriver::knows(MountSm const& sm) const { return heldMount(sm) != nullptr; }
 
 uint32_t AutoMountDriver::failedAttempts(MountSm const& sm) const {
-  auto it = mounts_.find(&sm);
-  return it == mounts_.end() ? 0 : it->second->failures;
+  Mount const* m = heldMount(sm);
+  return m ? m->failures : 0;
 }
 
 void AutoMountDriver::onRequest(MountSm& sm, Request request) {
@@ -84,21 +89,21 @@ void AutoMountDriver::onRequest(MountSm& sm, Request request) {
 void AutoMountDriver::onDestroyed(MountSm& sm) { retire(sm); }
 
 AutoMountDriver::Mount& AutoMountDriver::mountOf(MountSm& sm) {
-  if (void* state = sm.driverState()) return *static_cast<Mount*>(state);
-  std::unique_ptr<Mount>& slot = mounts_[&sm];
-  if (!slot) slot = std::make_unique<Mount>(this, &sm, Vesk::currentActivity()->clock());
-  sm.driverStateIs(slot.get());
-  return *slot;
+  if (Mount* held = heldMount(sm)) return *held;
+  auto* m = new Mount(this, &sm, Vesk::currentActivity()->clock());
+  sm.driverStateIs(m);
+  ++machines_;
+  return *m;
 }
 
 void AutoMountDriver::retire(MountSm& sm) {
-  auto it = mounts_.find(&sm);
-  if (it == mounts_.end()) return;
-  it->second->timeMinIs(Clock::never);
-  it->second->sm = nullptr;
+  Mount* m = heldMount(sm);
+  if (!m) return;
+  m->timeMinIs(Clock::never);
+  m->sm = nullptr;
   sm.driverStateIs(nullptr);
-  retired_.push_back(std::move(it->second));
-  mounts_.erase(it);
+  retired_.emplace_back(m);
+  --machines_;
 }
 
 void AutoMountDriver::schedule(Mount& m, Step step, Seconds at) {

@@ -35,7 +35,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "framework/Clock.h"
@@ -75,7 +74,7 @@ class AutoMountDriver : public Controller::MountDriver,
   void failureProbabilityDel(Controller::SystemId const& system);
 
   // The machines the driver currently knows (requested and neither cleaned up nor destroyed).
-  size_t machines() const { return mounts_.size(); }
+  size_t machines() const { return machines_; }
   bool knows(Controller::MountSm const& sm) const;
   // Failed attempts of the machine's current request; 0 for an unknown machine.
   uint32_t failedAttempts(Controller::MountSm const& sm) const;
@@ -87,6 +86,7 @@ class AutoMountDriver : public Controller::MountDriver,
   class Mount;
 
   Mount& mountOf(Controller::MountSm& sm);
+  Mount* heldMount(Controller::MountSm const& sm) const;
   void retire(Controller::MountSm& sm);
   void schedule(Mount& m, Step step, Vesk::Seconds at);
   Vesk::Seconds latency();
@@ -97,7 +97,9 @@ class AutoMountDriver : public Controller::MountDriver,
   AutoMountOptions options_;
   Rng rng_;
   std::map<Controller::SystemId, double> systemFailureProbability_;
-  std::unordered_map<Controller::MountSm const*, std::unique_ptr<Mount>> mounts_;
+  // The record of a machine the driver knows hangs in the machine's driverState slot, owned
+  // by the driver until the machine is forgotten.
+  size_t machines_ = 0;
   // Records of forgotten machines; one may belong to the timer whose turn is running, so
   // they are freed at the next turn.
   std::vector<std::unique_ptr<Mount>> retired_;

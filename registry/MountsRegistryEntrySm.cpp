@@ -189,12 +189,9 @@ void MountsRegistryEntrySm::handleMounter(Vesk::String const& serviceKey) {
 // Whether a mounter still on the entry counts for the same real service as `service` (a
 // service and its proxy both count for the real one).
 bool MountsRegistryEntrySm::hasMounterCountingFor(Vesk::String const& service) const {
-  auto realOf = [](Vesk::String const& s) {
-    return isProxyServiceName(s) ? realServiceNameOfProxy(s) : s;
-  };
-  Vesk::String const real = realOf(service);
+  Vesk::Name const real = mountsRegistrySm_->realServiceOf(service);
   for (auto const& [key, mounter] : registryEntry_->mounterMembers()) {
-    if (realOf(key) == real) return true;
+    if (mountsRegistrySm_->realServiceOf(key) == real) return true;
   }
   return false;
 }
@@ -525,10 +522,7 @@ Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::groupStatus(
     Mounter const& mounter, SystemId const& systemId, StatusRecords* records) const {
   if (!records) return groupStatus(mounter, systemId);
   if (records->linkedTo(*mounter.serviceMountStatus())) return records->group;
-  records->system = mounter.serviceMountStatus()->systemStatus(Vesk::Name(systemId.stringValue()));
-  records->group = records->system
-                       ? records->system->serviceMountGroupStatus(Vesk::Name(groupOf(mounter)))
-                       : nullptr;
+  records->group = groupStatus(mounter, systemId);
   records->mount = nullptr;
   return records->group;
 }

@@ -104,17 +104,19 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   class MountStateReactor;
   friend class MountStateReactor;
 
-  // One mounter's status records for one system: the service's system status, the group
-  // status in it and the entry's mount status in that. A mount's reactor keeps them between
-  // state changes, so that a change of state does not look them up again.
+  // One mounter's status records for one system: the group status in the service's system
+  // status, and the entry's mount status in that. A mount's reactor keeps them between state
+  // changes, so that a change of state does not look them up again.
   struct StatusRecords {
     Vesk::Ptr<Mounter const> mounter;
-    Vesk::Ptr<SystemStatus> system;
     Vesk::Ptr<ServiceMountGroupStatus> group;
     Vesk::Ptr<MountStatus> mount;
-    // Whether the system and group statuses are still members of the service's status.
+    // Whether the group status is still in a system status of the service. A system status
+    // that is destroyed lets go of its groups (their parent becomes null), so a parent that
+    // is set is alive.
     bool linkedTo(ServiceMountStatus const& service) const {
-      return group && group->parentRaw() == system.ptr() && system->parentRaw() == &service;
+      Vesk::Entity const* system = group ? group->parentRaw() : nullptr;
+      return system && system->parentRaw() == &service;
     }
   };
 

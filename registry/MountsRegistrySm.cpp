@@ -213,11 +213,7 @@ size_t MountsRegistrySm::entriesOfService(Vesk::String const& service) const {
 uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(
     Vesk::String const& service, Vesk::String const& connection) const {
   SystemId systemId;
-  if (!systemOfConnection(connection, systemId)) {
-    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
-               " no version negotiated for ", connection, " for service ", service);
-    return 0;
-  }
+  if (!systemOfConnection(connection, systemId)) return 0;  // names no peer
   return negotiatedServiceVersionForSystem(service, systemId);
 }
 
@@ -227,9 +223,10 @@ uint32_t MountsRegistrySm::negotiatedServiceVersionForSystem(Vesk::String const&
   VESK_TRACE(traceHandle, 8, "MountsRegistrySm::negotiatedServiceVersionForConnection",
              " service:", service, " connection:", connection);
   Peer const* peer = peerTable_ ? peerTable_->peer(systemId).ptr() : nullptr;
+  if (!peer) return 0;
   Vesk::Name const realService = realServiceOf(service);
   // A version counts only once its negotiation has completed and found it compatible.
-  ServiceStatusDir const* dir = peer ? peer->serviceStatusDir().ptr() : nullptr;
+  ServiceStatusDir const* dir = peer->serviceStatusDir().ptr();
   Vesk::Ptr<ServiceStatusV1> status = dir ? dir->service(realService) : nullptr;
   ServiceVersionStatusV1 const* version =
       status && status->enabled() ? status->versionStatus().ptr() : nullptr;

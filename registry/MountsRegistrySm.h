@@ -76,6 +76,8 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   void mounterServiceIs(Vesk::String const& mounterService, MountsRegistryEntrySm* entrySm);
   void mounterServiceDel(Vesk::String const& mounterService, MountsRegistryEntrySm* entrySm);
   size_t entriesOfService(Vesk::String const& service) const;
+  // The real service a mounter's service counts for: itself, or the service it proxies.
+  Vesk::Name realServiceOf(Vesk::String const& service) const;
   // The summary state of every mount group status the entry machines write.
   MountGroupSummaries& mountGroupSummaries() { return mountGroupSummaries_; }
   void handleInitialized();
@@ -87,9 +89,6 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   class OobStatusReactor;
   class PeerTableReactor;
   using EntrySet = Vesk::HashMap<Vesk::Name, Vesk::Ptr<MountsRegistryEntrySm>>;
-
-  // The real service a mounter's service counts for: itself, or the service it proxies.
-  Vesk::Name realServiceOf(Vesk::String const& service) const;
 
   Vesk::Ptr<MountsRegistry> const mountsRegistry_;
   Vesk::Ptr<ControllerOob::Status const> const oobStatus_;

@@ -1,5 +1,6 @@
 #include "framework/Clock.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "framework/Assert.h"
@@ -49,7 +50,7 @@ void Clock::timerDisarm(Notifiee* n) {
   Entry last = queue_.back();
   queue_.pop_back();
   if (i == queue_.size()) return;
-  if (i > 0 && last < queue_[(i - 1) / 2]) {
+  if (i > 0 && last < queue_[parentOf(i)]) {
     siftUp(i, last);
   } else {
     siftDown(i, last);
@@ -63,7 +64,7 @@ void Clock::entryPlace(size_t i, Entry const& e) {
 
 void Clock::siftUp(size_t i, Entry e) {
   while (i > 0) {
-    size_t parent = (i - 1) / 2;
+    size_t parent = parentOf(i);
     if (!(e < queue_[parent])) break;
     entryPlace(i, queue_[parent]);
     i = parent;
@@ -74,12 +75,16 @@ void Clock::siftUp(size_t i, Entry e) {
 void Clock::siftDown(size_t i, Entry e) {
   size_t const n = queue_.size();
   for (;;) {
-    size_t child = 2 * i + 1;
-    if (child >= n) break;
-    if (child + 1 < n && queue_[child + 1] < queue_[child]) ++child;
-    if (!(queue_[child] < e)) break;
-    entryPlace(i, queue_[child]);
-    i = child;
+    size_t const first = kArity * i + 1;
+    if (first >= n) break;
+    size_t const end = std::min(first + kArity, n);
+    size_t least = first;
+    for (size_t c = first + 1; c < end; ++c) {
+      if (queue_[c] < queue_[least]) least = c;
+    }
+    if (!(queue_[least] < e)) break;
+    entryPlace(i, queue_[least]);
+    i = least;
   }
   entryPlace(i, e);
 }

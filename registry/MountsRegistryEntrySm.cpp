@@ -35,8 +35,9 @@ class MountsRegistryEntrySm::EntryReactor
   void onMounter() override { owner_->handleMounter(); }
 };
 
-// Follows one mount machine's data record and remembers the state it last saw. A move from
-// a non-zero state to 0 ends the mount: machine, data and this reactor are deleted.
+// One system's mount: the mount machine, its data record, and the reactor on the record
+// that remembers the state it last saw. A move from a non-zero state to 0 ends the mount:
+// machine, data and reactor are deleted together.
 class MountsRegistryEntrySm::MountStateReactor
     : public Vesk::Reactor<MountSmData::NotifieeConst, MountsRegistryEntrySm> {
  public:
@@ -47,9 +48,17 @@ class MountsRegistryEntrySm::MountStateReactor
   }
   auto inputs() const { return std::tie(data_, owner_); }
   MountsRegistryEntrySm* mountsRegistryEntrySm() const { return owner_; }
-  // Where the mount appears locally once mounted: the mount's target path and the entry's.
-  Vesk::String const& mountedPath() const { return mountedPath_; }
-  void mountedPathIs(Vesk::String const& p) { mountedPath_ = p; }
+  Vesk::Ptr<MountSmData> const& data() const { return data_; }
+  Vesk::Ptr<MountSm> const& mountSm() const { return mountSm_; }
+  void mountSmIs(Vesk::Ptr<MountSm> const& sm) { mountSm_ = sm; }
+  // Where the mount appears locally once mounted: the mount's target path and the entry's;
+  // made when first asked for.
+  Vesk::String const& mountedPath() {
+    if (mountedPath_.empty() && mountSm_) {
+      mountedPath_ = joinPath(mountSm_->targetPath(), owner_->registryEntry()->name());
+    }
+    return mountedPath_;
+  }
   // The status records of one mounter for this mount's system, kept between state changes.
   StatusRecords& statusRecords(Mounter const& mounter) {
     for (StatusRecords& records : statusRecords_) {
@@ -75,12 +84,14 @@ class MountsRegistryEntrySm::MountStateReactor
     }
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", ": Deleting mountSm for ",
                connectionId.stringValue());
-    VESK_ASSERT(mountsRegistryEntrySm()->mountSm(connectionId));
+    VESK_ASSERT_MSG(mountsRegistryEntrySm()->mountSm(connectionId),
+                    "mountsRegistryEntrySm()->mountSm( connectionId )");
     owner_->mountSmDel(connectionId);
   }
 
  private:
   Vesk::Ptr<MountSmData> const data_;
+  Vesk::Ptr<MountSm> mountSm_;
   MountState oldState_;
   Vesk::String mountedPath_;
   std::vector<StatusRecords> statusRecords_;
@@ -146,14 +157,16 @@ void MountsRegistryEntrySm::versionFilterDel(Vesk::Name const& service) {
 }
 
 Vesk::Ptr<MountSm> MountsRegistryEntrySm::mountSm(SystemId const& systemId) const {
-  Vesk::Ptr<MountSm> const* sm = mountSm_.find(systemId);
-  return sm ? *sm : nullptr;
+  Vesk::Ptr<MountStateReactor> mount = mountSmDataSm_(systemId);
+  return mount ? mount->mountSm() : nullptr;
 }
 
 Vesk::Ptr<MountSmData> MountsRegistryEntrySm::mountSmData(SystemId const& systemId) const {
-  Vesk::Ptr<MountSmData> const* data = mountSmData_.find(systemId);
-  return data ? *data : nullptr;
+  Vesk::Ptr<MountStateReactor> mount = mountSmDataSm_(systemId);
+  return mount ? mount->data() : nullptr;
 }
+
+size_t MountsRegistryEntrySm::mountSmSize() const { return mountSmDataSm_.size(); }
 
 Vesk::Ptr<MounterConfigSm> MountsRegistryEntrySm::mounterConfigSm(
     Vesk::String const& service) const {
@@ -237,7 +250,7 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   }
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
              " connection:", connection,
-             " registered:", mountSm_.contains(systemId) ? "true" : "false");
+             " registered:", mountSmDataSm_(systemId) ? "true" : "false");
   doDisconnectSwitch(systemId);
   updateSystemStatus(systemId);
 }
@@ -445,22 +458,21 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::doConnectSwitch",
              "connTargetDirName=", connTargetDirName, "  targetPath=", targetPath);
 
-  Vesk::Ptr<MountSmData> data(new MountSmData(systemId, system));
-  mountSmData_.emplace(systemId, data);
-  mountSmDataSmIs(data);
-  mountSmDataSm_(systemId)->mountedPathIs(joinPath(targetPath, path));
+  Vesk::Ptr<MountStateReactor> mount =
+      mountSmDataSmIs(Vesk::Ptr<MountSmData>(new MountSmData(systemId, system)));
   uint32_t retries = registry->reconnectRetries();
   Vesk::Seconds timeout = registry->mountTimeout();
   Vesk::Ptr<MountSm> sm(
       new MountSm(systemId, peer->connectionConfig(), mountsRegistrySm_->heartbeatConfig(),
                   registry->remoteRootPath(), path, targetPath, registryEntry_->veskType(),
                   registryEntry_->mountFlags(), retries == 0 ? kNoRetryLimit : retries,
-                  timeout == 0.0 ? kNoMountTimeout : uint32_t(timeout), data));
-  mountSm_.emplace(systemId, sm);
+                  timeout == 0.0 ? kNoMountTimeout : uint32_t(timeout), mount->data()));
+  mount->mountSmIs(sm);
 }
 
-void MountsRegistryEntrySm::mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data) {
-  mountSmDataSm_.is(data ? data->systemId() : SystemId(), data, this);
+Vesk::Ptr<MountsRegistryEntrySm::MountStateReactor> MountsRegistryEntrySm::mountSmDataSmIs(
+    Vesk::Ptr<MountSmData> const& data) {
+  return mountSmDataSm_.is(data ? data->systemId() : SystemId(), data, this);
 }
 
 void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
@@ -486,11 +498,8 @@ void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
 }
 
 void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
-  Vesk::Ptr<MountSm> sm = mountSm(systemId);
-  if (sm) sm->doCleanup();
-  mountSm_.erase(systemId);
+  if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) sm->doCleanup();
   mountSmDataSm_.del(systemId);
-  mountSmData_.erase(systemId);
 }
 
 // ---- writing results into the services' mount status --------------------------------------
@@ -642,9 +651,7 @@ void MountsRegistryEntrySm::doCleanup() {
     mounterConfigSm_.cleanupAndDelAll();
     handleSwitchConnection();
   }
-  std::vector<SystemId> remaining;
-  for (auto const& [systemId, sm] : mountSm_) remaining.push_back(systemId);
-  for (SystemId const& systemId : remaining) mountSmDel(systemId);
+  for (SystemId const& systemId : mountSmDataSm_.keys()) mountSmDel(systemId);
 }
 
 }  // namespace Controller

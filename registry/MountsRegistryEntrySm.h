@@ -53,7 +53,7 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
 
   Vesk::Ptr<MountSm> mountSm(SystemId const& systemId) const;
   Vesk::Ptr<MountSmData> mountSmData(SystemId const& systemId) const;
-  size_t mountSmSize() const { return mountSm_.size(); }
+  size_t mountSmSize() const;
   Vesk::Ptr<MounterConfigSm> mounterConfigSm(Vesk::String const& service) const;
   size_t mounterConfigSmSize() const { return mounterConfigSm_.size(); }
 
@@ -131,7 +131,7 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state,
                         ServiceMountGroupStatus& group, MountStatus& status,
                         MountStateReactor* reactor);
-  void mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data);
+  Vesk::Ptr<MountStateReactor> mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data);
   // The mount machine, its data and its reactor go together.
   void mountSmDel(SystemId const& systemId);
   Vesk::Ptr<ServiceMountGroupStatus> groupStatus(Mounter const& mounter,
@@ -144,8 +144,8 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   Vesk::MachineCollection<Vesk::String, MounterConfigSm> mounterConfigSm_;
   Vesk::HashMap<Vesk::String, uint32_t> connectionFilter_;
   Vesk::HashMap<Vesk::Name, Vesk::Ptr<ServiceVersionFilter>> versionFilter_;
-  Vesk::HashMap<SystemId, Vesk::Ptr<MountSm>> mountSm_;
-  Vesk::HashMap<SystemId, Vesk::Ptr<MountSmData>> mountSmData_;
+  // One record per system mounted from: its mount machine, the machine's data and the
+  // reactor on the data (the mountSm, mountSmData and mountSmDataSm collections).
   Vesk::MachineCollection<SystemId, MountStateReactor> mountSmDataSm_;
   std::unique_ptr<EntryReactor> entryReactor_;
   bool wildCardMount_ = false;

@@ -432,12 +432,13 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   VESK_ASSERT(peer);
   VESK_ASSERT(peer->connectionConfig());
   Vesk::Name const& path = registryEntry_->name();
-  Vesk::String system = systemId.stringValue();
-  if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
+  Vesk::String const& system = systemId.stringValue();
+  Vesk::Ptr<MountStateReactor> mount = mountSmDataSm_(systemId);
+  if (Vesk::Ptr<MountSm> sm = mount ? mount->mountSm() : nullptr) {
     if (sm->data()->mountState() == mountStateMounted && !sm->pendingRequest()) {
       VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch",
                  " updating status:", path, " from:", system);
-      updateMountersStatus(systemId, mountStateMounted);
+      updateMountersStatus(systemId, mountStateMounted, mount.ptr());
       return;
     }
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch", " remounting:", path,
@@ -458,8 +459,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::doConnectSwitch",
              "connTargetDirName=", connTargetDirName, "  targetPath=", targetPath);
 
-  Vesk::Ptr<MountStateReactor> mount =
-      mountSmDataSmIs(Vesk::Ptr<MountSmData>(new MountSmData(systemId, system)));
+  mount = mountSmDataSmIs(Vesk::Ptr<MountSmData>(new MountSmData(systemId, system)));
   uint32_t retries = registry->reconnectRetries();
   Vesk::Seconds timeout = registry->mountTimeout();
   Vesk::Ptr<MountSm> sm(
@@ -477,7 +477,7 @@ Vesk::Ptr<MountsRegistryEntrySm::MountStateReactor> MountsRegistryEntrySm::mount
 
 void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
   Vesk::Name const& path = registryEntry_->name();
-  Vesk::String system = systemId.stringValue();
+  Vesk::String const& system = systemId.stringValue();
   if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch", " unmounting:", path,
                " from:", system);
@@ -494,7 +494,7 @@ void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
   }
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch",
              " already unmounted:", path, " from:", system);
-  updateMountersStatus(systemId, mountStateNotMounted);
+  updateMountersStatus(systemId, mountStateNotMounted, nullptr);  // no mount, no records
 }
 
 void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
@@ -606,7 +606,7 @@ void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig c
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
   if (cleaningUp_) return;
-  Vesk::String system = systemId.stringValue();
+  Vesk::String const& system = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateSystemStatus", " connection:", system);
   Vesk::Ptr<PeerTable const> peers = peerTable();
   bool present = peers && peers->peer(systemId);

@@ -64,7 +64,8 @@ Ptr<Entity> Dir::entryIs(Name const& name, String const& type) {
 }
 
 Ptr<Dir> Dir::subdirIs(Name const& name) {
-  return static_ptr_cast<Dir>(entryIs(name, String(typeName)));
+  static String const type(typeName);
+  return static_ptr_cast<Dir>(entryIs(name, type));
 }
 
 void Dir::entityPtrNotify(Name const& name) const {

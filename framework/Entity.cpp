@@ -12,14 +12,18 @@ String Entity::parentAttrName() const {
 }
 
 String Entity::fullName() const {
-  std::vector<Entity const*> chain;
-  for (Entity const* e = this; e; e = e->parent_) chain.push_back(e);
-  std::string path;
-  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
-    path += '/';
-    path += (*it)->name_.view();
-  }
-  return String(path);
+  size_t size = 0;
+  for (Entity const* e = this; e; e = e->parent_) size += 1 + e->name_.size();
+  // Written from the end, this entity's name last.
+  return String::filled(size, [this, size](char* out) {
+    char* at = out + size;
+    for (Entity const* e = this; e; e = e->parent_) {
+      std::string_view const name = e->name_.view();
+      at -= name.size();
+      name.copy(at, name.size());
+      *--at = '/';
+    }
+  });
 }
 
 String Entity::uriPath() const {

@@ -61,8 +61,10 @@ void NotifieeBase::notifierBaseIs(PtrInterface const* n) {
   notifier_ = n;
   if (n && !weak_) n->newRef();
   if (n) {
-    n->notifieeList().dormantMemberIs(this, true);
-    isRegisteredNotifieeIs(true);
+    // Bound and registered at once: straight onto the member list.
+    registered_ = true;
+    n->notifieeList().newMember(this);
+    onRegistered();
   }
   // Dropping the old reference last: it may destroy the old notifier.
   if (old && !weak_) old->deleteRef();

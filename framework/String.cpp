@@ -27,19 +27,30 @@ uint64_t hashBytes(char const* p, size_t n) noexcept {
   return h;
 }
 
-namespace {
-
-StrRep* makeRep(char const* a, size_t an, char const* b = nullptr, size_t bn = 0) {
-  size_t n = an + bn;
+StrRep* newRep(size_t n) {
   if (n == 0) return nullptr;
   auto* r = static_cast<StrRep*>(std::malloc(offsetof(StrRep, data) + n + 1));
   if (!r) throw std::bad_alloc();
   new (&r->refs) std::atomic<uint32_t>(1);
   r->size = uint32_t(n);
+  return r;
+}
+
+char* repData(StrRep* r) noexcept { return r->data; }
+
+void sealRep(StrRep* r) noexcept {
+  r->data[r->size] = '\0';
+  r->hash = hashBytes(r->data, r->size);
+}
+
+namespace {
+
+StrRep* makeRep(char const* a, size_t an, char const* b = nullptr, size_t bn = 0) {
+  StrRep* r = newRep(an + bn);
+  if (!r) return nullptr;
   std::memcpy(r->data, a, an);
   if (bn) std::memcpy(r->data + an, b, bn);
-  r->data[n] = '\0';
-  r->hash = hashBytes(r->data, n);
+  sealRep(r);
   return r;
 }
 
@@ -131,12 +142,10 @@ String String::strep() const {
 
 namespace {
 String concat(std::string_view a, std::string_view b) {
-  String s;
-  if (a.empty() && b.empty()) return s;
-  std::string joined;
-  joined.reserve(a.size() + b.size());
-  joined.append(a).append(b);
-  return String(joined);
+  return String::filled(a.size() + b.size(), [&](char* out) {
+    a.copy(out, a.size());
+    b.copy(out + a.size(), b.size());
+  });
 }
 }  // namespace
 

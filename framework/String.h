@@ -22,6 +22,11 @@ using Seconds = double;
 namespace detail {
 struct StrRep;
 uint64_t hashBytes(char const* p, size_t n) noexcept;
+// A buffer for n bytes (null for 0), to be written through repData and then sealed.
+StrRep* newRep(size_t n);
+char* repData(StrRep* r) noexcept;
+// Terminates the written bytes and computes their hash.
+void sealRep(StrRep* r) noexcept;
 }  // namespace detail
 
 class String {
@@ -50,6 +55,18 @@ class String {
   char const* begin() const noexcept { return charPtr(); }
   char const* end() const noexcept { return charPtr() + size(); }
   char operator[](size_t i) const noexcept { return charPtr()[i]; }
+
+  // A string of n bytes that fill(char* out) writes, built in its own buffer directly.
+  template <class Fill>
+  static String filled(size_t n, Fill&& fill) {
+    String s;
+    s.rep_ = detail::newRep(n);
+    if (s.rep_) {
+      fill(detail::repData(s.rep_));
+      detail::sealRep(s.rep_);
+    }
+    return s;
+  }
 
   String substr(size_t start, size_t length = npos) const;
   // First index of c at or after start.

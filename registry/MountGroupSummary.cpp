@@ -15,14 +15,33 @@ MountState MountGroupSummaries::walkedSummary(ServiceMountGroupStatus const& gro
   return allAgree ? state : mountStateNotMounted;
 }
 
-MountGroupSummaries::Counts* MountGroupSummaries::heldCounts(ServiceMountGroupStatus const& group) {
-  return counts_.find(keyOf(group));
+MountGroupSummaries::Counts* MountGroupSummaries::heldCounts(ServiceMountGroupStatus const& group,
+                                                             Place* place) {
+  if (place && *place < records_.size() && records_[*place].group.ptr() == &group) {
+    return &records_[*place];
+  }
+  Place const* held = places_.find(keyOf(group));
+  if (!held) return nullptr;
+  if (place) *place = *held;
+  return &records_[*held];
 }
 
-MountGroupSummaries::Counts& MountGroupSummaries::countsOf(ServiceMountGroupStatus& group) {
-  auto [counts, isNew] = counts_.emplace(keyOf(group));
-  if (!isNew && counts->members == group.mountStatusSize()) return *counts;
-  counts->group = Vesk::Ptr<ServiceMountGroupStatus>(&group);
+MountGroupSummaries::Counts& MountGroupSummaries::countsOf(ServiceMountGroupStatus& group,
+                                                           Place* place) {
+  Counts* counts = heldCounts(group, place);
+  if (counts && counts->members == group.mountStatusSize()) return *counts;
+  if (!counts) {
+    Place const at = freePlaces_.empty() ? Place(records_.size()) : freePlaces_.back();
+    if (at == records_.size()) {
+      records_.emplace_back();
+    } else {
+      freePlaces_.pop_back();
+    }
+    places_.emplace(keyOf(group), at);
+    if (place) *place = at;
+    counts = &records_[at];
+    counts->group = Vesk::Ptr<ServiceMountGroupStatus>(&group);
+  }
   counts->perState.fill(0);
   counts->members = 0;
   for (auto const& [path, mount] : group.mountStatusMembers()) {
@@ -30,6 +49,20 @@ MountGroupSummaries::Counts& MountGroupSummaries::countsOf(ServiceMountGroupStat
     ++counts->members;
   }
   return *counts;
+}
+
+void MountGroupSummaries::recordDel(ServiceMountGroupStatus const& group) {
+  Place const* held = places_.find(keyOf(group));
+  if (!held) return;
+  records_[*held].group = nullptr;
+  freePlaces_.push_back(*held);
+  places_.erase(keyOf(group));
+}
+
+void MountGroupSummaries::clear() {
+  records_.clear();
+  freePlaces_.clear();
+  places_.clear();
 }
 
 void MountGroupSummaries::memberIs(ServiceMountGroupStatus& group, MountState state) {
@@ -46,7 +79,7 @@ void MountGroupSummaries::memberDel(ServiceMountGroupStatus& group, MountState s
   if (!counts || counts->members != group.mountStatusSize() + 1) return;
   uint32_t& inState = counts->perState[slotOf(state)];
   if (inState == 0) {
-    counts_.erase(keyOf(group));  // out of step: count afresh on the next use
+    recordDel(group);  // out of step: count afresh on the next use
     return;
   }
   --inState;
@@ -54,24 +87,23 @@ void MountGroupSummaries::memberDel(ServiceMountGroupStatus& group, MountState s
 }
 
 void MountGroupSummaries::memberStateIs(ServiceMountGroupStatus& group, MountState from,
-                                        MountState to) {
-  Counts* counts = heldCounts(group);
+                                        MountState to, Place* place) {
+  Counts* counts = heldCounts(group, place);
   if (!counts) return;
   uint32_t& before = counts->perState[slotOf(from)];
   if (before == 0) {
-    counts_.erase(keyOf(group));
+    recordDel(group);
     return;
   }
   --before;
   ++counts->perState[slotOf(to)];
 }
 
-void MountGroupSummaries::groupDel(ServiceMountGroupStatus const& group) {
-  counts_.erase(keyOf(group));
-}
+void MountGroupSummaries::groupDel(ServiceMountGroupStatus const& group) { recordDel(group); }
 
-MountState MountGroupSummaries::summary(ServiceMountGroupStatus& group, MountState state) {
-  Counts const& counts = countsOf(group);
+MountState MountGroupSummaries::summary(ServiceMountGroupStatus& group, MountState state,
+                                        Place* place) {
+  Counts const& counts = countsOf(group, place);
   MountState result;
   if (counts.perState[slotOf(mountStateFailed)] != 0) {
     result = mountStateFailed;

@@ -18,10 +18,15 @@
 //
 // A record holds its group status, so a group status that is removed without groupDel stays
 // alive (and its record with it) until clear().
+//
+// The records lie side by side in one array. A writer that changes the same group again and
+// again may keep the record's place (a Place) and hand it back: a place that still holds the
+// group is used without a lookup, any other is found afresh and updated.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "framework/HashMap.h"
 #include "model/MountInterface.h"
@@ -30,15 +35,19 @@ namespace Controller {
 
 class MountGroupSummaries {
  public:
+  using Place = uint32_t;
+  static constexpr Place kNoPlace = ~Place(0);
+
   void memberIs(ServiceMountGroupStatus& group, MountState state);
   void memberDel(ServiceMountGroupStatus& group, MountState state);
-  void memberStateIs(ServiceMountGroupStatus& group, MountState from, MountState to);
+  void memberStateIs(ServiceMountGroupStatus& group, MountState from, MountState to,
+                     Place* place = nullptr);
   void groupDel(ServiceMountGroupStatus const& group);
-  void clear() { counts_.clear(); }
-  size_t groups() const { return counts_.size(); }
+  void clear();
+  size_t groups() const { return places_.size(); }
 
   // The group's summary after one of its mounts has moved to `state`.
-  MountState summary(ServiceMountGroupStatus& group, MountState state);
+  MountState summary(ServiceMountGroupStatus& group, MountState state, Place* place = nullptr);
 
   // The same, computed by walking the group's mount statuses.
   static MountState walkedSummary(ServiceMountGroupStatus const& group, MountState state);
@@ -58,11 +67,15 @@ class MountGroupSummaries {
   }
   static uint32_t slotOf(MountState state) { return state < kCounted ? state : kCounted; }
   // The group's record, counted afresh when it is new or out of step with the group.
-  Counts& countsOf(ServiceMountGroupStatus& group);
+  Counts& countsOf(ServiceMountGroupStatus& group, Place* place);
   // The record as it stands, or null; for reports that the next countsOf would redo anyway.
-  Counts* heldCounts(ServiceMountGroupStatus const& group);
+  Counts* heldCounts(ServiceMountGroupStatus const& group, Place* place = nullptr);
+  // Forgets the group's record, so that its next use counts afresh.
+  void recordDel(ServiceMountGroupStatus const& group);
 
-  Vesk::HashMap<uint64_t, Counts> counts_;
+  std::vector<Counts> records_;
+  std::vector<Place> freePlaces_;
+  Vesk::HashMap<uint64_t, Place> places_;
 };
 
 }  // namespace Controller

@@ -67,11 +67,7 @@ std::ostream& operator<<(std::ostream& os, MounterName const& name) {
   return os << name.stringValue();
 }
 
-bool isProxyServiceName(Vesk::String const& name) {
-  if (name.size() < kProxySuffix.size()) return false;
-  size_t at = name.lastPos(name.size(), Vesk::String(kProxySuffix));
-  return at != Vesk::String::npos && at == name.size() - kProxySuffix.size();
-}
+bool isProxyServiceName(Vesk::String const& name) { return name.endsWith(kProxySuffix); }
 
 Vesk::String realServiceNameOfProxy(Vesk::String const& name) {
   return name.substr(0, name.size() - kProxySuffix.size());

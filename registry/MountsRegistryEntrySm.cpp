@@ -19,11 +19,15 @@ Vesk::String groupOf(Mounter const& mounter) { return mounter.mounterName().grou
 
 // "a" + "/" + "b", without doubling a separator that either side already has.
 Vesk::String joinPath(Vesk::String const& a, Vesk::String const& b) {
-  bool aSlash = a.endsWith("/");
-  bool bSlash = !b.empty() && b[0] == '/';
-  if (aSlash && bSlash) return a + b.substr(1);
-  if (aSlash || bSlash) return a + b;
-  return a + "/" + b;
+  bool const aSlash = a.endsWith("/");
+  std::string_view tail = b.view();
+  if (aSlash && !tail.empty() && tail.front() == '/') tail.remove_prefix(1);
+  bool const separate = !aSlash && (tail.empty() || tail.front() != '/');
+  return Vesk::String::filled(a.size() + separate + tail.size(), [&](char* out) {
+    a.view().copy(out, a.size());
+    if (separate) out[a.size()] = '/';
+    tail.copy(out + a.size() + separate, tail.size());
+  });
 }
 }  // namespace
 
@@ -64,6 +68,7 @@ class MountsRegistryEntrySm::MountStateReactor
     for (StatusRecords& records : statusRecords_) {
       if (records.mounter.ptr() == &mounter) return records;
     }
+    if (statusRecords_.empty()) statusRecords_.reserve(owner_->registryEntry()->mounterSize());
     statusRecords_.emplace_back();
     statusRecords_.back().mounter = Vesk::Ptr<Mounter const>(&mounter);
     return statusRecords_.back();
@@ -564,7 +569,7 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
       if (group->mountStatusSize() != before) summaries.memberIs(*group, status->mountState());
       if (records) records->mount = status;
     }
-    handleMountState(mounter, systemId, state, *group, *status, reactor);
+    handleMountState(mounter, systemId, state, *group, *status, reactor, records);
   } else {
     if (Vesk::Ptr<MountStatus> status = group->mountStatus(mount)) {
       MountState const last = status->mountState();
@@ -581,27 +586,39 @@ void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId co
   Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId);
   Vesk::Ptr<MountStatus> status = group ? group->mountStatus(registryEntry_->name()) : nullptr;
   if (status) {
-    handleMountState(mounter, systemId, state, *group, *status, mountSmDataSm_(systemId).ptr());
+    handleMountState(mounter, systemId, state, *group, *status, mountSmDataSm_(systemId).ptr(),
+                     nullptr);
   }
 }
 
 void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId const& systemId,
                                              MountState state, ServiceMountGroupStatus& group,
-                                             MountStatus& status, MountStateReactor* reactor) {
+                                             MountStatus& status, MountStateReactor* reactor,
+                                             StatusRecords* records) {
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMountState", "mount state:", state,
              " connection:", systemId.stringValue(), " service:", serviceOf(mounter),
              " mountGroup:", groupOf(mounter), " remote path:", registryEntry_->name());
   if (state == mountStateMounted && reactor) status.mountedPathIs(reactor->mountedPath());
   MountState const from = status.mountState();
   status.mountStateIs(state);
-  mountsRegistrySm_->mountGroupSummaries().memberStateIs(group, from, state);
-  updateMountGroupMountState(*mounter.mountGroupConfig(), group, state);
+  MountGroupSummaries& summaries = mountsRegistrySm_->mountGroupSummaries();
+  MountGroupSummaries::Place* place = records ? &records->summaryPlace : nullptr;
+  summaries.memberStateIs(group, from, state, place);
+  updateMountGroupMountState(*mounter.mountGroupConfig(), group, state, place);
+}
+
+void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig const& groupConfig,
+                                                       ServiceMountGroupStatus& groupStatus,
+                                                       MountState state) {
+  updateMountGroupMountState(groupConfig, groupStatus, state, nullptr);
 }
 
 void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig const&,
                                                        ServiceMountGroupStatus& groupStatus,
-                                                       MountState state) {
-  groupStatus.mountStateIs(mountsRegistrySm_->mountGroupSummaries().summary(groupStatus, state));
+                                                       MountState state,
+                                                       MountGroupSummaries::Place* place) {
+  groupStatus.mountStateIs(
+      mountsRegistrySm_->mountGroupSummaries().summary(groupStatus, state, place));
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {

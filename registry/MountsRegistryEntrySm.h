@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "framework/Machine.h"
+#include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {
@@ -111,6 +112,8 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
     Vesk::Ptr<Mounter const> mounter;
     Vesk::Ptr<ServiceMountGroupStatus> group;
     Vesk::Ptr<MountStatus> mount;
+    // Where the registry keeps the group's summary.
+    MountGroupSummaries::Place summaryPlace = MountGroupSummaries::kNoPlace;
     // Whether the group status is still in a system status of the service. A system status
     // that is destroyed lets go of its groups (their parent becomes null), so a parent that
     // is set is alive.
@@ -130,7 +133,11 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   // handleMountState with the records the caller has already found.
   void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state,
                         ServiceMountGroupStatus& group, MountStatus& status,
-                        MountStateReactor* reactor);
+                        MountStateReactor* reactor, StatusRecords* records);
+  // With the place of the group's summary, which the caller keeps.
+  void updateMountGroupMountState(ServiceMountGroupConfig const& groupConfig,
+                                  ServiceMountGroupStatus& groupStatus, MountState state,
+                                  MountGroupSummaries::Place* place);
   Vesk::Ptr<MountStateReactor> mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data);
   // The mount machine, its data and its reactor go together.
   void mountSmDel(SystemId const& systemId);

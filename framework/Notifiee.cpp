@@ -4,6 +4,18 @@
 
 namespace Vesk {
 
+void NotifieeList::Slots::push_back(NotifieeBase* n) {
+  if (size_ == capacity_) {
+    uint32_t const grown = capacity_ * 2;
+    auto* more = new NotifieeBase*[grown];
+    std::copy(begin(), end(), more);
+    if (onHeap()) delete[] many_;
+    many_ = more;
+    capacity_ = grown;
+  }
+  begin()[size_++] = n;
+}
+
 void NotifieeList::newMember(NotifieeBase* n) {
   members_.push_back(n);
   ++live_;
@@ -17,7 +29,7 @@ void NotifieeList::deleteMember(NotifieeBase* n) {
     *it = nullptr;
     needsCompact_ = true;
   } else {
-    members_.erase(it);
+    members_.erase(it, it + 1);
   }
 }
 
@@ -32,13 +44,18 @@ void NotifieeList::deleteAll() {
 }
 
 void NotifieeList::dormantMemberIs(NotifieeBase* n, bool bound) {
-  auto it = std::find(dormant_.begin(), dormant_.end(), n);
-  if (bound && it == dormant_.end()) dormant_.push_back(n);
-  if (!bound && it != dormant_.end()) dormant_.erase(it);
+  if (!dormant_) {
+    if (bound) dormant_ = std::make_unique<std::vector<NotifieeBase*>>(1, n);
+    return;
+  }
+  auto it = std::find(dormant_->begin(), dormant_->end(), n);
+  if (bound && it == dormant_->end()) dormant_->push_back(n);
+  if (!bound && it != dormant_->end()) dormant_->erase(it);
+  if (dormant_->empty()) dormant_.reset();
 }
 
 void NotifieeList::compact() {
-  members_.erase(std::remove(members_.begin(), members_.end(), nullptr), members_.end());
+  members_.erase(std::remove(members_.begin(), members_.end(), nullptr));
   needsCompact_ = false;
 }
 

@@ -1,5 +1,7 @@
 #include "registry/MountsRegistryEntrySm.h"
 
+#include <deque>
+
 #include "framework/Assert.h"
 #include "framework/Trace.h"
 #include "registry/MountGroupSummary.h"
@@ -64,14 +66,25 @@ class MountsRegistryEntrySm::MountStateReactor
     return mountedPath_;
   }
   // The status records of one mounter for this mount's system, kept between state changes.
+  // An entry has one or two mounters as a rule, so two are held in the reactor itself.
   StatusRecords& statusRecords(Mounter const& mounter) {
-    for (StatusRecords& records : statusRecords_) {
-      if (records.mounter.ptr() == &mounter) return records;
+    for (uint32_t i = 0; i < heldRecords_; ++i) {
+      if (records_[i].mounter.ptr() == &mounter) return records_[i];
     }
-    if (statusRecords_.empty()) statusRecords_.reserve(owner_->registryEntry()->mounterSize());
-    statusRecords_.emplace_back();
-    statusRecords_.back().mounter = Vesk::Ptr<Mounter const>(&mounter);
-    return statusRecords_.back();
+    if (moreRecords_) {
+      for (StatusRecords& records : *moreRecords_) {
+        if (records.mounter.ptr() == &mounter) return records;
+      }
+    }
+    StatusRecords* added;
+    if (heldRecords_ < records_.size()) {
+      added = &records_[heldRecords_++];
+    } else {
+      if (!moreRecords_) moreRecords_ = std::make_unique<std::deque<StatusRecords>>();
+      added = &moreRecords_->emplace_back();  // a deque keeps the others in place
+    }
+    added->mounter = Vesk::Ptr<Mounter const>(&mounter);
+    return *added;
   }
 
   void onMountState() override {
@@ -99,7 +112,9 @@ class MountsRegistryEntrySm::MountStateReactor
   Vesk::Ptr<MountSm> mountSm_;
   MountState oldState_;
   Vesk::String mountedPath_;
-  std::vector<StatusRecords> statusRecords_;
+  uint32_t heldRecords_ = 0;
+  std::array<StatusRecords, 2> records_;
+  std::unique_ptr<std::deque<StatusRecords>> moreRecords_;
   [[no_unique_address]] Vesk::LiveCount<MountStateReactor> liveCount_;
 };
 

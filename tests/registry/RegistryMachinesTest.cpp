@@ -335,6 +335,43 @@ TEST(MountGroupSummaries, AGroupChangedWithoutAReportIsCountedAfresh) {
   EXPECT_EQ(summaries.groups(), 0u);
 }
 
+TEST(MountGroupSummaries, AKeptPlaceIsTrustedOnlyWhileItHoldsItsGroup) {
+  MountGroupSummaries summaries;
+  Vesk::Ptr<ServiceMountGroupStatus> up(new ServiceMountGroupStatus("up"));
+  Vesk::Ptr<ServiceMountGroupStatus> down(new ServiceMountGroupStatus("down"));
+  up->mountStatusIs("/a")->mountStateIs(mountStateMounted);
+  down->mountStatusIs("/a")->mountStateIs(mountStateFailed);
+  MountGroupSummaries::Place place = MountGroupSummaries::kNoPlace;
+  EXPECT_EQ(summaries.summary(*up, mountStateMounted, &place), mountStateMounted);
+  summaries.groupDel(*up);
+  EXPECT_EQ(summaries.summary(*down, mountStateMounted), mountStateFailed)
+      << "the other group's record takes the place given up";
+  EXPECT_EQ(summaries.summary(*up, mountStateMounted, &place), mountStateMounted);
+  EXPECT_EQ(summaries.summary(*down, mountStateMounted, &place), mountStateFailed);
+  summaries.memberStateIs(*up, mountStateMounted, mountStateFailed, &place);
+  EXPECT_EQ(summaries.groups(), 2u);
+}
+
+TEST_F(RegistryMachines, ThreeServicesOnOneEntryEachSeeEveryStateOfTheMount) {
+  SystemId s1 = world.connectSwitch(1);
+  std::vector<Sim::ServiceDeclaration> services;
+  for (char const* name : {"Foo", "Bar", "Baz"}) {
+    services.push_back(mounting(name, "g", {"/a"}));
+    world.negotiate(s1, name, 1);
+  }
+  start();
+  for (MountState state : {mountStateConnecting, mountStateMounted, mountStateFailed}) {
+    settle("/a", s1, state);
+    for (auto const& svc : services) {
+      ASSERT_TRUE(mountStatus(svc, s1, "g", "/a")) << svc.serviceName();
+      EXPECT_EQ(mountStatus(svc, s1, "g", "/a")->mountState(), state) << svc.serviceName();
+      EXPECT_EQ(groupStatus(svc, s1, "g")->mountState(), state) << svc.serviceName();
+    }
+  }
+  EXPECT_EQ(mountStatus(services[2], s1, "g", "/a")->mountedPath(),
+            entrySm("/a")->mountSm(s1)->targetPath() + "/a");
+}
+
 TEST_F(RegistryMachines, MountMachinesGetTheRegistrysParametersWithTheirNoLimitForms) {
   SystemId s1 = world.connectSwitch(1);
   auto foo = mounting("Foo", "g", {"/a"});

@@ -133,13 +133,16 @@ double AutoMountDriver::failureProbability(MountSm const& sm) const {
 }
 
 void AutoMountDriver::onStep(Mount& m) {
-  // Keeps the driver alive through the reactors below, when it is shared.
-  std::shared_ptr<AutoMountDriver> const keep = weak_from_this().lock();
+  MountSm* const sm = m.sm;
+  VESK_ASSERT(sm);
+  // Keeps the driver alive through the reactors below. The machine's own reference is
+  // copied rather than this driver's weak one locked: a copy is a plain increment in a
+  // single-threaded process, where locking is an atomic exchange that waits for every
+  // store before it.
+  std::shared_ptr<Controller::MountDriver> const keep = sm->driver();
   // Turns do not nest, so no forgotten record belongs to a running turn now.
   retired_.clear();
 
-  MountSm* const sm = m.sm;
-  VESK_ASSERT(sm);
   Seconds const now = m.notifierRaw()->currentTime();
   MountState state = Controller::mountStateNotMounted;
   bool settles = false;

@@ -27,8 +27,10 @@
 //   Controller::mountDriverIs(driver);    // machines created from now on use it
 //   clock->advanceBy(5.0);               // mounts progress
 //
-// Contract: create the driver with std::make_shared (a turn keeps it alive through the
-// reactors it runs); drive every machine from one clock.
+// A turn keeps the driver alive through the reactors it runs with the machine's own
+// reference to its driver.
+//
+// Contract: drive every machine from one clock.
 #pragma once
 
 #include <array>
@@ -52,8 +54,7 @@ struct AutoMountOptions {
   uint32_t retryCap = 1000;
 };
 
-class AutoMountDriver : public Controller::MountDriver,
-                        public std::enable_shared_from_this<AutoMountDriver> {
+class AutoMountDriver : public Controller::MountDriver {
  public:
   static constexpr uint32_t kNoRetryLimit = 0xFFFFFFFFu;
   static constexpr uint32_t kNoMountTimeout = 0x7FFFFFFFu;

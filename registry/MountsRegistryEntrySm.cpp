@@ -67,15 +67,19 @@ class MountsRegistryEntrySm::MountStateReactor
   }
   // The status records of one mounter for this mount's system, kept between state changes.
   // An entry has one or two mounters as a rule, so two are held in the reactor itself.
-  StatusRecords& statusRecords(Mounter const& mounter) {
+  StatusRecords* heldStatusRecords(Mounter const& mounter) {
     for (uint32_t i = 0; i < heldRecords_; ++i) {
-      if (records_[i].mounter.ptr() == &mounter) return records_[i];
+      if (records_[i].mounter.ptr() == &mounter) return &records_[i];
     }
     if (moreRecords_) {
       for (StatusRecords& records : *moreRecords_) {
-        if (records.mounter.ptr() == &mounter) return records;
+        if (records.mounter.ptr() == &mounter) return &records;
       }
     }
+    return nullptr;
+  }
+  StatusRecords& statusRecords(Mounter const& mounter) {
+    if (StatusRecords* held = heldStatusRecords(mounter)) return *held;
     StatusRecords* added;
     if (heldRecords_ < records_.size()) {
       added = &records_[heldRecords_++];
@@ -257,7 +261,7 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   Vesk::Ptr<PeerTable const> peers = peerTable();
   Vesk::Ptr<Peer> peer = peers ? peers->peer(systemId) : nullptr;
   if (peer) {
-    updateSystemStatus(systemId);
+    updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr());
     if (!peer->connectionConfig()) return;
     if (canMountFromSystem(systemId)) {
       doConnectSwitch(systemId);
@@ -637,6 +641,10 @@ void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig c
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
+  updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr());
+}
+
+void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountStateReactor* mount) {
   if (cleaningUp_) return;
   Vesk::String const& system = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateSystemStatus", " connection:", system);
@@ -646,6 +654,10 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
     ServiceMountStatus* status = m->serviceMountStatus().ptr();
     if (!status) continue;
     if (present) {
+      // A mount whose records are still linked into the service's status already has its
+      // system and group status.
+      StatusRecords const* records = mount ? mount->heldStatusRecords(*m.ptr()) : nullptr;
+      if (records && records->linkedTo(*status)) continue;
       status->systemStatusIs(Vesk::Name(system))
           ->serviceMountGroupStatusIs(Vesk::Name(groupOf(*m.ptr())));
     } else if (Vesk::Ptr<SystemStatus> gone = status->systemStatus(Vesk::Name(system))) {

@@ -124,6 +124,8 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   };
 
   Vesk::Ptr<PeerTable const> peerTable() const;
+  // updateSystemStatus for a system whose mount (or null) the caller has found.
+  void updateSystemStatus(SystemId const& systemId, MountStateReactor* mount);
   bool hasMounterCountingFor(Vesk::String const& service) const;
   void updateMountersStatus(SystemId const& systemId, MountState state, MountStateReactor* reactor);
   void updateMounterStatus(Mounter const& mounter, SystemId const& systemId, MountState state,

@@ -109,6 +109,30 @@ TEST_F(NotifieeTest, AChangeMadeByAHandlerReachesEveryoneBeforeTheOuterVisitGoes
                       "b.value=30", "a.value=31", "b.value=31", "late.value=31"}));
 }
 
+// A list holds its first notifiee inline and moves to the heap for a second; a visit that
+// starts inline must not reach members added by its handler, and order must survive moves.
+TEST_F(NotifieeTest, ALoneNotifieeThatAddsOthersOrRejoinsKeepsTheOrderOfRegistration) {
+  a.notifierIs(c);
+  a.action = [&] {
+    if (c->value() == 1) b.notifierIs(c);  // heard from the next change on
+    if (c->value() == 3) {                 // leaves and rejoins behind b
+      a.notifierIs(nullptr);
+      a.notifierIs(c);
+    }
+  };
+  for (int v : {1, 2, 3, 4}) c->valueIs(v);
+  EXPECT_EQ(log, (Log{"a.value=1", "a.value=2", "b.value=2", "a.value=3", "b.value=3",
+                      "b.value=4", "a.value=4"}));
+  EXPECT_EQ(c->notifieeList().slots(), 2u);
+  a.notifierIs(nullptr);
+  b.notifierIs(nullptr);
+  EXPECT_TRUE(c->notifieeList().empty());
+  log.clear();
+  b.notifierIs(c);
+  c->valueIs(5);
+  EXPECT_EQ(log, Log{"b.value=5"});
+}
+
 // ---------------------------------------------------------------------------------------
 // Registration and binding.
 

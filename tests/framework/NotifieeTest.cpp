@@ -121,8 +121,8 @@ TEST_F(NotifieeTest, ALoneNotifieeThatAddsOthersOrRejoinsKeepsTheOrderOfRegistra
     }
   };
   for (int v : {1, 2, 3, 4}) c->valueIs(v);
-  EXPECT_EQ(log, (Log{"a.value=1", "a.value=2", "b.value=2", "a.value=3", "b.value=3",
-                      "b.value=4", "a.value=4"}));
+  EXPECT_EQ(log, (Log{"a.value=1", "a.value=2", "b.value=2", "a.value=3", "b.value=3", "b.value=4",
+                      "a.value=4"}));
   EXPECT_EQ(c->notifieeList().slots(), 2u);
   a.notifierIs(nullptr);
   b.notifierIs(nullptr);

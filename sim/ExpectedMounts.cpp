@@ -17,12 +17,13 @@ Vesk::Ptr<Controller::Peer> peerOf(World const& world, SystemId const& system) {
   return table ? table->peer(system) : nullptr;
 }
 
-std::set<uint32_t> includedVersions(Controller::MountFilterServiceVersion const& filter) {
-  std::set<uint32_t> out;
-  for (auto const& [version, included] : filter.includedServiceVersionMembers()) {
-    if (included) out.insert(version);
+// Whether a filter includes anything at all: a member may be present with the value false.
+template <class Members>
+bool includesAny(Members const& members) {
+  for (auto const& [key, included] : members) {
+    if (included) return true;
   }
-  return out;
+  return false;
 }
 
 Decision decide(World const& world, Controller::MountsRegistryEntry const& entry,
@@ -37,37 +38,36 @@ Decision decide(World const& world, Controller::MountsRegistryEntry const& entry
     return Decision{false, inactive && preserve};
   }
 
+  // The entry's filters are the unions of its mounters' filters: a version filter accepts
+  // when some mounter's filter includes the version negotiated for that mounter's service,
+  // and the connection filter includes a system when some mounter's filter does.
   bool someVersion = false;
   bool wildcard = false;
-  std::map<std::string, std::set<uint32_t>> versionFilter;
-  std::set<std::string> connectionFilter;
+  bool versionFiltered = false;
+  bool versionAccepted = false;
+  bool systemFiltered = false;
+  bool systemIncluded = false;
   for (auto const& [service, mounter] : entry.mounterMembers()) {
     Controller::ServiceMountGroupConfig const& group = *mounter->mountGroupConfig();
-    someVersion = someVersion || negotiatedVersion(world, mounter->serviceName(), system) != 0;
+    uint32_t const version = negotiatedVersion(world, mounter->serviceName(), system);
+    someVersion = someVersion || version != 0;
     if (!group.systemFilter() && !group.versionFilter()) wildcard = true;
-    if (group.versionFilter()) {
-      for (uint32_t v : includedVersions(*group.versionFilter())) {
-        versionFilter[mounter->serviceName().stdString()].insert(v);
-      }
+    if (auto const& versions = group.versionFilter();
+        versions && includesAny(versions->includedServiceVersionMembers())) {
+      versionFiltered = true;
+      versionAccepted = versionAccepted || versions->includedServiceVersion(version);
     }
-    if (group.systemFilter()) {
-      for (auto const& [name, included] : group.systemFilter()->includedSystemMembers()) {
-        if (included) connectionFilter.insert(name.stdString());
-      }
+    if (auto const& systems = group.systemFilter();
+        systems && includesAny(systems->includedSystemMembers())) {
+      systemFiltered = true;
+      systemIncluded = systemIncluded || systems->includedSystem(system.stringValue());
     }
   }
 
   if (!someVersion) return Decision{false, false};
   if (wildcard) return Decision{true, false};
-  if (!versionFilter.empty()) {
-    bool accepted = false;
-    for (auto const& [service, versions] : versionFilter) {
-      accepted = accepted || versions.count(negotiatedVersion(world, service, system)) != 0;
-    }
-    if (!accepted) return Decision{false, false};
-  }
-  if (connectionFilter.empty()) return Decision{true, false};
-  return Decision{connectionFilter.count(system.stringValue().stdString()) != 0, false};
+  if (versionFiltered && !versionAccepted) return Decision{false, false};
+  return Decision{!systemFiltered || systemIncluded, false};
 }
 
 }  // namespace
@@ -99,7 +99,7 @@ bool mounterIsInterested(World const& world, Controller::Mounter const& mounter,
   return true;
 }
 
-ExpectedMounts expectedMounts(World const& world) {
+void forEachDecision(World const& world, DecisionVisitor const& visit) {
   std::set<SystemId> systems;
   if (Vesk::Ptr<Controller::PeerTable const> const& table = world.oobStatus()->peerTable()) {
     for (auto const& [system, peer] : table->peerMembers()) systems.insert(system);
@@ -107,13 +107,16 @@ ExpectedMounts expectedMounts(World const& world) {
   for (auto const& [system, inactive] : world.oobStatus()->inactiveMembers()) {
     systems.insert(system);
   }
-  ExpectedMounts out;
   for (auto const& [name, entry] : world.registry()->mountEntryMembers()) {
-    for (SystemId const& system : systems) {
-      out[{name.stdString(), system.stringValue().stdString()}] =
-          decide(world, *entry.ptr(), system);
-    }
+    for (SystemId const& system : systems) visit(name, system, decide(world, *entry.ptr(), system));
   }
+}
+
+ExpectedMounts expectedMounts(World const& world) {
+  ExpectedMounts out;
+  forEachDecision(world, [&](Vesk::Name const& entry, SystemId const& system, Decision d) {
+    out[{entry.stdString(), system.stringValue().stdString()}] = d;
+  });
   return out;
 }
 

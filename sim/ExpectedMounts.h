@@ -24,6 +24,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <string>
@@ -47,6 +48,11 @@ struct Decision {
 using ExpectedMounts = std::map<std::pair<std::string, std::string>, Decision>;
 
 ExpectedMounts expectedMounts(World const& world);
+
+// The same answer, one decision at a time, without collecting it.
+using DecisionVisitor =
+    std::function<void(Vesk::Name const& entry, Controller::SystemId const& system, Decision)>;
+void forEachDecision(World const& world, DecisionVisitor const& visit);
 
 // The version of `service` (proxy names count as their real service) negotiated on the
 // system's connection, per the peer table; 0 for none.

@@ -65,6 +65,28 @@ void MountGroupSummaries::clear() {
   places_.clear();
 }
 
+Vesk::Ptr<MountStatus> MountGroupSummaries::mountStatusIs(ServiceMountGroupStatus& group,
+                                                          Vesk::Name const& path) {
+  size_t const before = group.mountStatusSize();
+  Vesk::Ptr<MountStatus> status = group.mountStatusIs(path);
+  if (group.mountStatusSize() != before) memberIs(group, status->mountState());
+  return status;
+}
+
+void MountGroupSummaries::mountStatusDel(ServiceMountGroupStatus& group, Vesk::Name const& path) {
+  Vesk::Ptr<MountStatus> status = group.mountStatus(path);
+  if (!status) return;
+  group.mountStatusDel(path);
+  memberDel(group, status->mountState());
+}
+
+void MountGroupSummaries::mountStateIs(ServiceMountGroupStatus& group, MountStatus& status,
+                                       MountState state, Place* place) {
+  MountState const from = status.mountState();
+  status.mountStateIs(state);
+  memberStateIs(group, from, state, place);
+}
+
 void MountGroupSummaries::memberIs(ServiceMountGroupStatus& group, MountState state) {
   Counts* counts = heldCounts(group);
   // The group already holds the new member; a record that did not know the group before

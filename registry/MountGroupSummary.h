@@ -4,12 +4,13 @@
 // failed, the state every mount shares when they all agree, and not mounted (0) when they
 // disagree. Walking the group's mount statuses on every change of one of them costs a pass
 // over the group, and at scale a cache miss per member. Instead the summaries count each
-// group's mount statuses per state, and the writers of mount statuses report every change:
+// group's mount statuses per state, and the registry changes mount statuses through them,
+// so that every change is counted:
 //
-//   memberIs(group, state)              a mount status was added to the group
-//   memberDel(group, state)             one in that state was removed
-//   memberStateIs(group, from, to)      one changed state
-//   groupDel(group)                     the group status was removed
+//   mountStatusIs(group, path)          adds the mount status unless it is there
+//   mountStatusDel(group, path)         removes it
+//   mountStateIs(group, status, state)  changes its state
+//   groupDel(group)                     the group status is being removed
 //
 // summary(group, state) then answers in constant time. A group whose number of members no
 // longer matches the count (a change that was not reported) is counted afresh by one walk,
@@ -38,10 +39,10 @@ class MountGroupSummaries {
   using Place = uint32_t;
   static constexpr Place kNoPlace = ~Place(0);
 
-  void memberIs(ServiceMountGroupStatus& group, MountState state);
-  void memberDel(ServiceMountGroupStatus& group, MountState state);
-  void memberStateIs(ServiceMountGroupStatus& group, MountState from, MountState to,
-                     Place* place = nullptr);
+  Vesk::Ptr<MountStatus> mountStatusIs(ServiceMountGroupStatus& group, Vesk::Name const& path);
+  void mountStatusDel(ServiceMountGroupStatus& group, Vesk::Name const& path);
+  void mountStateIs(ServiceMountGroupStatus& group, MountStatus& status, MountState state,
+                    Place* place = nullptr);
   void groupDel(ServiceMountGroupStatus const& group);
   void clear();
   size_t groups() const { return places_.size(); }
@@ -70,6 +71,10 @@ class MountGroupSummaries {
   Counts& countsOf(ServiceMountGroupStatus& group, Place* place);
   // The record as it stands, or null; for reports that the next countsOf would redo anyway.
   Counts* heldCounts(ServiceMountGroupStatus const& group, Place* place = nullptr);
+  // The counts after a mount status in `state` joined the group, left it, or changed state.
+  void memberIs(ServiceMountGroupStatus& group, MountState state);
+  void memberDel(ServiceMountGroupStatus& group, MountState state);
+  void memberStateIs(ServiceMountGroupStatus& group, MountState from, MountState to, Place* place);
   // Forgets the group's record, so that its next use counts afresh.
   void recordDel(ServiceMountGroupStatus const& group);
 

@@ -266,12 +266,10 @@ void MounterConfigSm::removeStatusRecords() {
     Vesk::Ptr<SystemStatus> systemStatus = status->systemStatus(system);
     if (!systemStatus) continue;
     Vesk::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(group);
-    if (Vesk::Ptr<MountStatus> mount = groupStatus ? groupStatus->mountStatus(path) : nullptr) {
+    if (groupStatus && groupStatus->mountStatus(path)) {
       VESK_TRACE(traceHandle, 5, "MounterConfigSm::doCleanup", ": Deleting mount status for ",
                  path);
-      MountState const last = mount->mountState();
-      groupStatus->mountStatusDel(path);
-      summaries.memberDel(*groupStatus, last);
+      summaries.mountStatusDel(*groupStatus, path);
     }
     if (groupStatus && groupStatus->mountStatusSize() == 0) {
       VESK_TRACE(traceHandle, 5, "MounterConfigSm::doCleanup", ": Deleting mount group status for ",

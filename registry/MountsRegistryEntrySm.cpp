@@ -593,18 +593,12 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
         records && records->mount && records->mount->parentRaw() == group.ptr() ? records->mount
                                                                                 : nullptr;
     if (!status) {
-      size_t const before = group->mountStatusSize();
-      status = group->mountStatusIs(mount);
-      if (group->mountStatusSize() != before) summaries.memberIs(*group, status->mountState());
+      status = summaries.mountStatusIs(*group, mount);
       if (records) records->mount = status;
     }
     handleMountState(mounter, systemId, state, *group, *status, reactor, records);
   } else {
-    if (Vesk::Ptr<MountStatus> status = group->mountStatus(mount)) {
-      MountState const last = status->mountState();
-      group->mountStatusDel(mount);
-      summaries.memberDel(*group, last);
-    }
+    summaries.mountStatusDel(*group, mount);
     if (records) records->mount = nullptr;
   }
   group->processedIs(true);
@@ -628,18 +622,9 @@ void MountsRegistryEntrySm::handleMountState(Mounter const& mounter, SystemId co
              " connection:", systemId.stringValue(), " service:", serviceOf(mounter),
              " mountGroup:", groupOf(mounter), " remote path:", registryEntry_->name());
   if (state == mountStateMounted && reactor) status.mountedPathIs(reactor->mountedPath());
-  MountState const from = status.mountState();
-  status.mountStateIs(state);
-  MountGroupSummaries& summaries = mountsRegistrySm_->mountGroupSummaries();
   MountGroupSummaries::Place* place = records ? &records->summaryPlace : nullptr;
-  summaries.memberStateIs(group, from, state, place);
+  mountsRegistrySm_->mountGroupSummaries().mountStateIs(group, status, state, place);
   updateMountGroupMountState(*mounter.mountGroupConfig(), group, state, place);
-}
-
-void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig const& groupConfig,
-                                                       ServiceMountGroupStatus& groupStatus,
-                                                       MountState state) {
-  updateMountGroupMountState(groupConfig, groupStatus, state, nullptr);
 }
 
 void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig const&,

@@ -80,8 +80,10 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   void updateMountersStatus(SystemId const& systemId, MountState state);
   void updateMounterStatus(Mounter const& mounter, SystemId const& systemId, MountState state);
   void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state);
+  // `place` is where the group's summary was last found, kept by the caller (or null).
   void updateMountGroupMountState(ServiceMountGroupConfig const& groupConfig,
-                                  ServiceMountGroupStatus& groupStatus, MountState state);
+                                  ServiceMountGroupStatus& groupStatus, MountState state,
+                                  MountGroupSummaries::Place* place = nullptr);
   void updateSystemStatus(SystemId const& systemId);
   void handleInitialized();
   void doCleanup();
@@ -136,10 +138,6 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state,
                         ServiceMountGroupStatus& group, MountStatus& status,
                         MountStateReactor* reactor, StatusRecords* records);
-  // With the place of the group's summary, which the caller keeps.
-  void updateMountGroupMountState(ServiceMountGroupConfig const& groupConfig,
-                                  ServiceMountGroupStatus& groupStatus, MountState state,
-                                  MountGroupSummaries::Place* place);
   Vesk::Ptr<MountStateReactor> mountSmDataSmIs(Vesk::Ptr<MountSmData> const& data);
   // The mount machine, its data and its reactor go together.
   void mountSmDel(SystemId const& systemId);

@@ -325,11 +325,9 @@ TEST(MountGroupSummaries, AGroupChangedWithoutAReportIsCountedAfresh) {
   EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateMounted);
   group->mountStatusIs("/c");  // not reported: still in state 0
   EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateNotMounted);
-  group->mountStatus("/c")->mountStateIs(mountStateFailed);
-  summaries.memberStateIs(*group, mountStateNotMounted, mountStateFailed);
+  summaries.mountStateIs(*group, *group->mountStatus("/c"), mountStateFailed);
   EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateFailed);
-  group->mountStatusDel("/c");
-  summaries.memberDel(*group, mountStateFailed);
+  summaries.mountStatusDel(*group, "/c");
   EXPECT_EQ(summaries.summary(*group, mountStateMounted), mountStateMounted);
   summaries.groupDel(*group);
   EXPECT_EQ(summaries.groups(), 0u);
@@ -348,7 +346,7 @@ TEST(MountGroupSummaries, AKeptPlaceIsTrustedOnlyWhileItHoldsItsGroup) {
       << "the other group's record takes the place given up";
   EXPECT_EQ(summaries.summary(*up, mountStateMounted, &place), mountStateMounted);
   EXPECT_EQ(summaries.summary(*down, mountStateMounted, &place), mountStateFailed);
-  summaries.memberStateIs(*up, mountStateMounted, mountStateFailed, &place);
+  summaries.mountStateIs(*up, *up->mountStatus("/a"), mountStateFailed, &place);
   EXPECT_EQ(summaries.groups(), 2u);
 }
 

@@ -29,6 +29,11 @@ TypeDescription const& Dir::veskTypeDescription() const {
   return type;
 }
 
+String const& Dir::keptFullName() const {
+  if (keptFullName_.empty() || !hasFullName(keptFullName_.view())) keptFullName_ = fullName();
+  return keptFullName_;
+}
+
 Ptr<Entity> Dir::entityPtr(Name const& name) const {
   Owned<Entity> const* e = entityPtr_.find(name);
   return e ? e->ptr() : nullptr;

@@ -38,6 +38,11 @@ class Dir : public Entity {
   Ptr<Entity> entryIs(Name const& name, String const& typeName);
   Ptr<Dir> subdirIs(Name const& name);
 
+  // fullName(), built once and handed out again while it is still right, so that callers
+  // naming the same directory many times (every mount from one connection names that
+  // connection's directory) share one string.
+  String const& keptFullName() const;
+
   TypeDescription const& veskTypeDescription() const override;
 
   class NotifieeConst : public BaseNotifiee<Dir const> {
@@ -61,6 +66,7 @@ class Dir : public Entity {
   void entityPtrNotify(Name const& name) const;
 
   HashMap<Name, Owned<Entity>> entityPtr_;
+  mutable String keptFullName_;
   [[no_unique_address]] LiveCount<Dir> liveCount_;
 };
 

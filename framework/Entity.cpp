@@ -26,6 +26,17 @@ String Entity::fullName() const {
   });
 }
 
+bool Entity::hasFullName(std::string_view path) const {
+  for (Entity const* e = this; e; e = e->parent_) {
+    std::string_view const name = e->name_.view();
+    if (path.size() < name.size() + 1 || !path.ends_with(name)) return false;
+    path.remove_suffix(name.size());
+    if (path.back() != '/') return false;
+    path.remove_suffix(1);
+  }
+  return path.empty();
+}
+
 String Entity::uriPath() const {
   static char const hex[] = "0123456789ABCDEF";
   std::string out;

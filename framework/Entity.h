@@ -29,6 +29,8 @@ class Entity : public PtrInterface {
   void nameIsFromBackupIs(bool b) { nameIsFromBackup_ = b; }
 
   String fullName() const;
+  // Whether fullName() would equal `path`, without building it.
+  bool hasFullName(std::string_view path) const;
   String uriPath() const;
 
   // Resolves a "/"-separated path below this entity; null when any step is missing.

@@ -489,7 +489,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Vesk::Name connTargetDirName = peer->connectionConfig()->name();
   Vesk::Ptr<Vesk::Dir> connectionTargetDir = prefixDir->subdirIs(connTargetDirName);
   VESK_ASSERT(connectionTargetDir);
-  Vesk::String targetPath = connectionTargetDir->fullName();
+  Vesk::String targetPath = connectionTargetDir->keptFullName();
   VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::doConnectSwitch",
              "connTargetDirName=", connTargetDirName, "  targetPath=", targetPath);
 

@@ -222,14 +222,17 @@ uint32_t MountsRegistrySm::negotiatedServiceVersionForSystem(Vesk::String const&
   Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 8, "MountsRegistrySm::negotiatedServiceVersionForConnection",
              " service:", service, " connection:", connection);
-  Peer const* peer = peerTable_ ? peerTable_->peer(systemId).ptr() : nullptr;
+  // Read through the records without holding them: a reference taken here would write
+  // into records that are otherwise only read, and rarely in cache.
+  Vesk::Owned<Peer> const* peer = peerTable_ ? peerTable_->peerMembers().find(systemId) : nullptr;
   if (!peer) return 0;
   Vesk::Name const realService = realServiceOf(service);
   // A version counts only once its negotiation has completed and found it compatible.
-  ServiceStatusDir const* dir = peer->serviceStatusDir().ptr();
-  Vesk::Ptr<ServiceStatusV1> status = dir ? dir->service(realService) : nullptr;
+  ServiceStatusDir const* dir = (*peer)->serviceStatusDir().ptr();
+  Vesk::Owned<ServiceStatusV1> const* status =
+      dir ? dir->serviceMembers().find(realService) : nullptr;
   ServiceVersionStatusV1 const* version =
-      status && status->enabled() ? status->versionStatus().ptr() : nullptr;
+      status && (*status)->enabled() ? (*status)->versionStatus().ptr() : nullptr;
   if (version && version->versionNegotiationComplete() && version->versionCompatible() &&
       version->negotiatedVersion() != 0) {
     VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",

@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "framework/Dir.h"
 #include "framework/Entity.h"
 #include "framework/LiveCount.h"
 #include "framework/PtrInterface.h"
@@ -269,6 +270,26 @@ TEST(EntityTree, ParentIsClearedWhenTheParentItselfGoes) {
   EXPECT_EQ(liveObjects<Counter>(), before + 1);
   EXPECT_EQ(child->parentRaw(), nullptr);
   EXPECT_EQ(child->fullName(), "/child");
+}
+
+// hasFullName compares whole names: a prefix, a suffix or a split at another slash is
+// not a match. A directory's kept full name follows the directory out of its parent.
+TEST(EntityTree, KeptFullNameStaysRightWhenTheDirectoryMoves) {
+  Ptr<Counter> root = Counter::counterNew("root");
+  Ptr<Counter> leaf = root->childNew("ab")->childNew("c");
+  EXPECT_TRUE(leaf->hasFullName("/root/ab/c"));
+  for (char const* wrong :
+       {"/root/ab/cc", "root/ab/c", "/root/a/bc", "/x/root/ab/c", "/ab/c", ""}) {
+    EXPECT_FALSE(leaf->hasFullName(wrong)) << wrong;
+  }
+
+  Ptr<Dir> top = dirFactory("top");
+  Ptr<Dir> sub = top->subdirIs("conn");
+  String const first = sub->keptFullName();
+  EXPECT_EQ(first, "/top/conn");
+  EXPECT_EQ(sub->keptFullName().view().data(), first.view().data());  // shared, not rebuilt
+  top->entityPtrDel("conn");
+  EXPECT_EQ(sub->keptFullName(), "/conn");
 }
 
 TEST(EntityTree, PathsResolveThroughEntityCollectionsAndReferences) {

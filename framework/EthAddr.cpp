@@ -2,11 +2,7 @@
 
 #include <ostream>
 
-#include "framework/HashMap.h"
-
 namespace Corvex {
-
-uint64_t EthAddr::hash() const { return Vesk::hashInteger(bits()); }
 
 Vesk::String EthAddr::stringValue() const {
   static char const hex[] = "0123456789abcdef";

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <iosfwd>
 
+#include "framework/Hash.h"
 #include "framework/String.h"
 
 namespace Corvex {
@@ -25,7 +26,7 @@ class EthAddr {
     for (uint8_t byte : bytes_) b = (b << 8) | byte;
     return b;
   }
-  uint64_t hash() const;
+  uint64_t hash() const { return Vesk::hashInteger(bits()); }
   Vesk::String stringValue() const;
   bool stringValueIs(Vesk::String const& text);
 

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -177,8 +178,11 @@ void Flitlog::registerDescriptor(FlitSite& site, std::string_view module, int le
 
 void Flitlog::makeRoom(uint32_t bytes) noexcept {
   uint64_t const pad = headOff_ + bytes > ringBytes_ ? ringBytes_ - headOff_ : 0;
-  bool const moved = headPos_ + pad + bytes - tailPos_ > ringBytes_;
-  while (headPos_ + pad + bytes - tailPos_ > ringBytes_) {
+  // Once the ring is full, every message would drop the oldest one through here; dropping
+  // a sixty-fourth of the ring at a time lets the next messages skip this.
+  uint64_t const room = std::min(pad + bytes + ringBytes_ / 64, ringBytes_);
+  bool const moved = headPos_ + room - tailPos_ > ringBytes_;
+  while (headPos_ + room - tailPos_ > ringBytes_) {
     uint32_t old;
     std::memcpy(&old, ring_ + tailOff_, sizeof old);
     tailPos_ += old;

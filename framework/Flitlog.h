@@ -103,8 +103,8 @@ class Flitlog {
   Flitlog(String path, void* map, size_t bytes);
   static Flitlog* open(String const& path, size_t bytes);
   static Flitlog& openFromEnvironment();
-  // Advances the tail until `bytes` fit at the head, writing padding to the end of the
-  // ring first when the record would straddle it.
+  // Advances the tail until `bytes` fit at the head with a slice of the ring to spare,
+  // writing padding to the end of the ring first when the record would straddle it.
   void makeRoom(uint32_t bytes) noexcept;
   void registerDescriptor(FlitSite& site, std::string_view module, int level,
                           std::string_view format, std::span<std::string const> pieces);

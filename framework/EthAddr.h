@@ -30,9 +30,10 @@ class EthAddr {
   Vesk::String stringValue() const;
   bool stringValueIs(Vesk::String const& text);
 
-  friend bool operator==(EthAddr const& a, EthAddr const& b) { return a.bytes_ == b.bytes_; }
+  // Compared as 48-bit numbers: the byte order is the numeric order.
+  friend bool operator==(EthAddr const& a, EthAddr const& b) { return a.bits() == b.bits(); }
   friend bool operator!=(EthAddr const& a, EthAddr const& b) { return !(a == b); }
-  friend bool operator<(EthAddr const& a, EthAddr const& b) { return a.bytes_ < b.bytes_; }
+  friend bool operator<(EthAddr const& a, EthAddr const& b) { return a.bits() < b.bits(); }
 
  private:
   std::array<uint8_t, 6> bytes_{};

@@ -164,7 +164,7 @@ class HashMap {
   // Inserts (k, V(args...)) unless k is present; returns the member and whether it is new.
   template <class... A>
   std::pair<V*, bool> emplace(K const& k, A&&... args) {
-    if (!t_) t_ = newTable(3);
+    if (!t_) t_ = newTable(1);
     uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
     Node** link = &t_->buckets[t_->bucketOf(rev)];
     for (Node* n = *link; n; n = *link) {

@@ -10,13 +10,6 @@
 namespace Vesk {
 namespace detail {
 
-struct StrRep {
-  std::atomic<uint32_t> refs;
-  uint32_t size;
-  uint64_t hash;
-  char data[1];
-};
-
 uint64_t hashBytes(char const* p, size_t n) noexcept {
   // FNV-1a followed by a 64-bit finalizer, so that the low and high bits both mix.
   uint64_t h = 0xcbf29ce484222325ull;
@@ -38,6 +31,8 @@ StrRep* newRep(size_t n) {
 
 char* repData(StrRep* r) noexcept { return r->data; }
 
+void freeRep(StrRep* r) noexcept { std::free(r); }
+
 void sealRep(StrRep* r) noexcept {
   r->data[r->size] = '\0';
   r->hash = hashBytes(r->data, r->size);
@@ -54,34 +49,11 @@ StrRep* makeRep(char const* a, size_t an, char const* b = nullptr, size_t bn = 0
   return r;
 }
 
-void ref(StrRep* r) noexcept {
-  if (!r) return;
-  if (threadSafePointers_) {
-    r->refs.fetch_add(1, std::memory_order_relaxed);
-  } else {
-    r->refs.store(r->refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  }
-}
-
-void unref(StrRep* r) noexcept {
-  if (!r) return;
-  uint32_t left;
-  if (threadSafePointers_) {
-    left = r->refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
-  } else {
-    left = r->refs.load(std::memory_order_relaxed) - 1;
-    r->refs.store(left, std::memory_order_relaxed);
-  }
-  if (left == 0) std::free(r);
-}
-
 }  // namespace
 }  // namespace detail
 
 String::String(char const* s) : String(s, s ? std::strlen(s) : 0) {}
 String::String(char const* s, size_t n) : rep_(detail::makeRep(s, n)) {}
-String::String(String const& o) noexcept : rep_(o.rep_) { detail::ref(rep_); }
-String::~String() { detail::unref(rep_); }
 
 String& String::operator=(String const& o) noexcept {
   detail::ref(o.rep_);
@@ -99,13 +71,6 @@ String& String::operator=(String&& o) noexcept {
   return *this;
 }
 
-char const* String::charPtr() const noexcept { return rep_ ? rep_->data : ""; }
-std::string_view String::view() const noexcept {
-  return rep_ ? std::string_view(rep_->data, rep_->size) : std::string_view();
-}
-size_t String::size() const noexcept { return rep_ ? rep_->size : 0; }
-uint64_t String::hash() const noexcept { return rep_ ? rep_->hash : 0; }
-
 String String::substr(size_t start, size_t length) const {
   std::string_view v = view();
   if (start >= v.size()) return String();
@@ -120,11 +85,6 @@ size_t String::pos(size_t start, char c) const noexcept {
 size_t String::lastPos(size_t start, String const& s) const noexcept {
   size_t i = view().rfind(s.view(), start);
   return i == std::string_view::npos ? npos : i;
-}
-
-bool String::endsWith(std::string_view suffix) const noexcept {
-  std::string_view v = view();
-  return v.size() >= suffix.size() && v.substr(v.size() - suffix.size()) == suffix;
 }
 
 String& String::operator+=(String const& o) { return *this = *this + o; }

@@ -19,8 +19,41 @@ namespace Vesk {
 
 using Seconds = double;
 
+extern bool threadSafePointers_;
+
 namespace detail {
-struct StrRep;
+// The shared buffer: the count of the Strings that hold it, the length, the hash of the
+// bytes and the bytes themselves, NUL-terminated.
+struct StrRep {
+  std::atomic<uint32_t> refs;
+  uint32_t size;
+  uint64_t hash;
+  char data[1];
+};
+void freeRep(StrRep* r) noexcept;
+
+// Counts are plain increments unless pointers are thread-safe (see PtrInterface.h).
+inline void ref(StrRep* r) noexcept {
+  if (!r) return;
+  if (threadSafePointers_) {
+    r->refs.fetch_add(1, std::memory_order_relaxed);
+  } else {
+    r->refs.store(r->refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+}
+
+inline void unref(StrRep* r) noexcept {
+  if (!r) return;
+  uint32_t left;
+  if (threadSafePointers_) {
+    left = r->refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
+  } else {
+    left = r->refs.load(std::memory_order_relaxed) - 1;
+    r->refs.store(left, std::memory_order_relaxed);
+  }
+  if (left == 0) freeRep(r);
+}
+
 uint64_t hashBytes(char const* p, size_t n) noexcept;
 // A buffer for n bytes (null for 0), to be written through repData and then sealed.
 StrRep* newRep(size_t n);
@@ -38,19 +71,21 @@ class String {
   String(char const* s, size_t n);
   String(std::string const& s) : String(s.data(), s.size()) {}
   explicit String(std::string_view s) : String(s.data(), s.size()) {}
-  String(String const& o) noexcept;
+  String(String const& o) noexcept : rep_(o.rep_) { detail::ref(rep_); }
   String(String&& o) noexcept : rep_(o.rep_) { o.rep_ = nullptr; }
-  ~String();
+  ~String() { detail::unref(rep_); }
   String& operator=(String const& o) noexcept;
   String& operator=(String&& o) noexcept;
 
-  char const* charPtr() const noexcept;
+  char const* charPtr() const noexcept { return rep_ ? rep_->data : ""; }
   std::string stdString() const { return std::string(view()); }
-  std::string_view view() const noexcept;
-  size_t size() const noexcept;
+  std::string_view view() const noexcept {
+    return rep_ ? std::string_view(rep_->data, rep_->size) : std::string_view();
+  }
+  size_t size() const noexcept { return rep_ ? rep_->size : 0; }
   size_t length() const noexcept { return size(); }
   bool empty() const noexcept { return rep_ == nullptr; }
-  uint64_t hash() const noexcept;
+  uint64_t hash() const noexcept { return rep_ ? rep_->hash : 0; }
 
   char const* begin() const noexcept { return charPtr(); }
   char const* end() const noexcept { return charPtr() + size(); }
@@ -73,7 +108,10 @@ class String {
   size_t pos(size_t start, char c) const noexcept;
   // Last index at or before start at which s begins.
   size_t lastPos(size_t start, String const& s) const noexcept;
-  bool endsWith(std::string_view suffix) const noexcept;
+  bool endsWith(std::string_view suffix) const noexcept {
+    std::string_view const v = view();
+    return v.size() >= suffix.size() && v.substr(v.size() - suffix.size()) == suffix;
+  }
 
   String& operator+=(String const& o);
   String& operator+=(char const* s);

@@ -35,6 +35,7 @@
 #include <utility>
 
 #include "framework/Hash.h"
+#include "framework/SmallBlocks.h"
 
 namespace Vesk {
 
@@ -65,6 +66,10 @@ class HashMap {
         : rev(r),
           kv(std::piecewise_construct, std::forward_as_tuple(k),
              std::forward_as_tuple(std::forward<A>(a)...)) {}
+    static void* operator new(std::size_t size) { return detail::smallBlockAlloc(size); }
+    static void operator delete(void* p, std::size_t size) noexcept {
+      detail::smallBlockFree(p, size);
+    }
     Node* next = nullptr;
     uint64_t rev;
     uint32_t pins = 0;

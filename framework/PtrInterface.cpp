@@ -1,9 +1,7 @@
 #include "framework/PtrInterface.h"
 
-#include <cstdlib>
-#include <new>
-
 #include "framework/Notifiee.h"
+#include "framework/SmallBlocks.h"
 
 namespace Vesk {
 
@@ -14,16 +12,15 @@ std::atomic<long> liveAllocations{0};
 }
 
 void* veskMemAlloc(unsigned size) {
-  void* p = std::malloc(size ? size : 1);
-  if (!p) throw std::bad_alloc();
+  void* p = detail::smallBlockAlloc(size);
   liveAllocations.fetch_add(1, std::memory_order_relaxed);
   return p;
 }
 
-void veskMemFree(void* p) noexcept {
+void veskMemFree(void* p, size_t size) noexcept {
   if (!p) return;
   liveAllocations.fetch_sub(1, std::memory_order_relaxed);
-  std::free(p);
+  detail::smallBlockFree(p, size);
 }
 
 long veskLiveAllocations() { return liveAllocations.load(std::memory_order_relaxed); }

@@ -14,17 +14,18 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "framework/NotifieeList.h"
+#include "framework/ThreadSafePointers.h"
 
 namespace Vesk {
 
-extern bool threadSafePointers_;
-
-// Allocation through the framework allocator, which counts live allocations.
+// Allocation through the framework allocator, which counts live allocations. A block is
+// released with the size it was allocated with.
 void* veskMemAlloc(unsigned size);
-void veskMemFree(void* p) noexcept;
+void veskMemFree(void* p, size_t size) noexcept;
 long veskLiveAllocations();
 
 class PtrInterface {
@@ -79,7 +80,7 @@ class PtrInterface {
   void veskMarkedForDeletionIs(bool b) { flagIs(kMarkedForDeletion, b); }
 
   static void* operator new(std::size_t size) { return veskMemAlloc(unsigned(size)); }
-  static void operator delete(void* p) noexcept { veskMemFree(p); }
+  static void operator delete(void* p, std::size_t size) noexcept { veskMemFree(p, size); }
 
  protected:
   virtual ~PtrInterface();

@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "framework/PtrInterface.h"
+#include "framework/SmallBlocks.h"
 
 namespace Vesk {
 namespace detail {
@@ -43,10 +44,13 @@ uint64_t hashBytes(char const* p, size_t n) noexcept {
   return h;
 }
 
+namespace {
+size_t repBytes(size_t n) { return offsetof(StrRep, data) + n + 1; }
+}  // namespace
+
 StrRep* newRep(size_t n) {
   if (n == 0) return nullptr;
-  auto* r = static_cast<StrRep*>(std::malloc(offsetof(StrRep, data) + n + 1));
-  if (!r) throw std::bad_alloc();
+  auto* r = static_cast<StrRep*>(smallBlockAlloc(repBytes(n)));
   new (&r->refs) std::atomic<uint32_t>(1);
   r->size = uint32_t(n);
   return r;
@@ -54,7 +58,7 @@ StrRep* newRep(size_t n) {
 
 char* repData(StrRep* r) noexcept { return r->data; }
 
-void freeRep(StrRep* r) noexcept { std::free(r); }
+void freeRep(StrRep* r) noexcept { smallBlockFree(r, repBytes(r->size)); }
 
 void sealRep(StrRep* r) noexcept {
   r->data[r->size] = '\0';

@@ -15,11 +15,11 @@
 #include <string>
 #include <string_view>
 
+#include "framework/ThreadSafePointers.h"
+
 namespace Vesk {
 
 using Seconds = double;
-
-extern bool threadSafePointers_;
 
 namespace detail {
 // The shared buffer: the count of the Strings that hold it, the length, the hash of the

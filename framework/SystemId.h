@@ -20,7 +20,7 @@ class SystemId {
 
   Corvex::EthAddr const& ethAddr() const { return ethAddr_; }
   uint64_t hash() const { return ethAddr_.hash(); }
-  Vesk::String const& stringValue() const { return text_; }
+  Vesk::Name const& stringValue() const { return text_; }
   // Parses the text form; false (value unchanged) when it does not parse.
   bool stringValueIs(Vesk::String const& text);
 
@@ -30,7 +30,7 @@ class SystemId {
 
  private:
   Corvex::EthAddr ethAddr_;
-  Vesk::String text_;
+  Vesk::Name text_;
 };
 
 std::ostream& operator<<(std::ostream& os, SystemId const& id);

@@ -22,8 +22,8 @@ class MounterName {
   struct FromText {};
   MounterName(FromText, char const* begin, char const* end);
 
-  Vesk::String const& serviceName() const { return serviceName_; }
-  Vesk::String const& groupName() const { return groupName_; }
+  Vesk::Name const& serviceName() const { return serviceName_; }
+  Vesk::Name const& groupName() const { return groupName_; }
 
   // An empty string hashes to 0, so a default name hashes to 0.
   uint64_t hash() const { return groupName_.hash() ^ serviceName_.hash(); }
@@ -42,8 +42,8 @@ class MounterName {
   bool stringValueIs(Vesk::String const& text);
 
  private:
-  Vesk::String serviceName_;
-  Vesk::String groupName_;
+  Vesk::Name serviceName_;
+  Vesk::Name groupName_;
 };
 
 Vesk::String valueToStrep(MounterName const& name);

@@ -17,8 +17,8 @@ Vesk::TraceHandle traceHandle("MountsRegistryEntrySm", true);
 constexpr uint32_t kNoRetryLimit = 0xFFFFFFFF;
 constexpr uint32_t kNoMountTimeout = 0x7FFFFFFF;
 
-Vesk::String serviceOf(Mounter const& mounter) { return mounter.mounterName().serviceName(); }
-Vesk::String groupOf(Mounter const& mounter) { return mounter.mounterName().groupName(); }
+Vesk::Name const& serviceOf(Mounter const& mounter) { return mounter.mounterName().serviceName(); }
+Vesk::Name const& groupOf(Mounter const& mounter) { return mounter.mounterName().groupName(); }
 
 // "a" + "/" + "b", without doubling a separator that either side already has.
 Vesk::String joinPath(Vesk::String const& a, Vesk::String const& b) {
@@ -101,8 +101,8 @@ class MountsRegistryEntrySm::MountStateReactor
   }
 
   void onMountState() override {
-    Vesk::Ptr<MountStateReactor> self(this);  // deleting the mount deletes this reactor
-    SystemId const connectionId = data_->systemId();
+    Vesk::Ptr<MountStateReactor> self(this);           // deleting the mount deletes this reactor
+    SystemId const& connectionId = data_->systemId();  // data_ lives as long as this reactor
     MountState const oldState = oldState_;
     MountState const newState = data_->mountState();
     prefetchStatusRecords();
@@ -555,8 +555,8 @@ void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, Mount
 Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::groupStatus(
     Mounter const& mounter, SystemId const& systemId) const {
   Vesk::Ptr<SystemStatus> system =
-      mounter.serviceMountStatus()->systemStatus(Vesk::Name(systemId.stringValue()));
-  return system ? system->serviceMountGroupStatus(Vesk::Name(groupOf(mounter))) : nullptr;
+      mounter.serviceMountStatus()->systemStatus(systemId.stringValue());
+  return system ? system->serviceMountGroupStatus(groupOf(mounter)) : nullptr;
 }
 
 // The group status through the records the mount's reactor kept, while they are still
@@ -641,7 +641,7 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountStateReactor* mount) {
   if (cleaningUp_) return;
-  Vesk::String const& system = systemId.stringValue();
+  Vesk::Name const& system = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateSystemStatus", " connection:", system);
   Vesk::Ptr<PeerTable const> peers = peerTable();
   bool present = peers && peers->peer(systemId);
@@ -653,13 +653,12 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountSt
       // system and group status.
       StatusRecords const* records = mount ? mount->heldStatusRecords(*m.ptr()) : nullptr;
       if (records && records->linkedTo(*status)) continue;
-      status->systemStatusIs(Vesk::Name(system))
-          ->serviceMountGroupStatusIs(Vesk::Name(groupOf(*m.ptr())));
-    } else if (Vesk::Ptr<SystemStatus> gone = status->systemStatus(Vesk::Name(system))) {
+      status->systemStatusIs(system)->serviceMountGroupStatusIs(groupOf(*m.ptr()));
+    } else if (Vesk::Ptr<SystemStatus> gone = status->systemStatus(system)) {
       for (auto const& [group, groupStatus] : gone->serviceMountGroupStatusMembers()) {
         mountsRegistrySm_->mountGroupSummaries().groupDel(*groupStatus.ptr());
       }
-      status->systemStatusDel(Vesk::Name(system));
+      status->systemStatusDel(system);
     }
   }
 }

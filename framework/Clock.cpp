@@ -50,7 +50,9 @@ void Clock::timerDisarm(Notifiee* n) {
   Entry last = queue_.back();
   queue_.pop_back();
   if (i == queue_.size()) return;
-  if (i > 0 && last < queue_[parentOf(i)]) {
+  if (i == 0) {
+    refillRoot(last);
+  } else if (last < queue_[parentOf(i)]) {
     siftUp(i, last);
   } else {
     siftDown(i, last);
@@ -72,21 +74,48 @@ void Clock::siftUp(size_t i, Entry e) {
   entryPlace(i, e);
 }
 
+// The least of the children of the node at i (whose first child is `first` < n).
+size_t Clock::leastChild(size_t first, size_t n) const {
+  Entry const* const q = queue_.data();
+  if (first + kArity <= n) {
+    // All four: two pairs, then their winners.
+    size_t const a = q[first + 1] < q[first] ? first + 1 : first;
+    size_t const b = q[first + 3] < q[first + 2] ? first + 3 : first + 2;
+    return q[b] < q[a] ? b : a;
+  }
+  size_t least = first;
+  for (size_t c = first + 1; c < n; ++c) {
+    if (q[c] < q[least]) least = c;
+  }
+  return least;
+}
+
 void Clock::siftDown(size_t i, Entry e) {
   size_t const n = queue_.size();
   for (;;) {
     size_t const first = kArity * i + 1;
     if (first >= n) break;
-    size_t const end = std::min(first + kArity, n);
-    size_t least = first;
-    for (size_t c = first + 1; c < end; ++c) {
-      if (queue_[c] < queue_[least]) least = c;
-    }
+    size_t const least = leastChild(first, n);
     if (!(queue_[least] < e)) break;
     entryPlace(i, queue_[least]);
     i = least;
   }
   entryPlace(i, e);
+}
+
+// Refills the root's place with `e` (the last entry, just taken off the end): the hole
+// first goes down to a leaf along the least children, then e rises from there. The last
+// entry nearly always belongs near the bottom, so this saves comparing it on every level
+// on the way down.
+void Clock::refillRoot(Entry e) {
+  size_t const n = queue_.size();
+  size_t i = 0;
+  for (size_t first = 1; first < n; first = kArity * i + 1) {
+    size_t const least = leastChild(first, n);
+    entryPlace(i, queue_[least]);
+    i = least;
+  }
+  siftUp(i, e);
 }
 
 Clock::Notifiee::~Notifiee() {

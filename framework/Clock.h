@@ -91,6 +91,8 @@ class Clock : public PtrInterface {
   void entryPlace(size_t i, Entry const& e);
   void siftUp(size_t i, Entry e);
   void siftDown(size_t i, Entry e);
+  void refillRoot(Entry e);
+  size_t leastChild(size_t first, size_t n) const;
 
   // A 4-ary min-heap on (time, seq); every timer knows its slot, so disarming or moving an
   // armed timer costs O(log n).

@@ -165,17 +165,14 @@ void flitWrite(Flitlog& log, uint32_t id, A const&... a) {
   log.endMsg();
 }
 
+// Everything but a plain ring-buffer message: a site's first use with the current file,
+// text lines, captures. Kept out of line so that the common case stays short.
 template <class... A>
-void traceEmitStored(FlitSite& site, TraceHandle const& handle, int level, A const&... a) {
-  static_assert((size_t(0) + ... + size_t(isValueArg<A>)) <= 64,
-                "a trace message takes at most 64 values");
-  if (handle.recorded(level)) [[likely]] {
-    if (site.generation != Flitlog::generation()) [[unlikely]] {
-      registerTraceSite(site, handle, level, a...);
-    }
-    if (site.id) [[likely]] {
-      flitWrite(Flitlog::current(), site.id, a...);
-    }
+[[gnu::noinline]] void traceEmitSlow(FlitSite& site, TraceHandle const& handle, int level,
+                                     A const&... a) {
+  if (handle.recorded(level)) {
+    if (site.generation != Flitlog::generation()) registerTraceSite(site, handle, level, a...);
+    if (site.id) flitWrite(Flitlog::current(), site.id, a...);
     if (level >= TraceHandle::detailLevel || (site.flags & FlitSite::mirrored)) {
       std::string text = traceText(a...);
       TraceText::lineIs(site.file, site.line, handle.name().view(), text);
@@ -183,8 +180,20 @@ void traceEmitStored(FlitSite& site, TraceHandle const& handle, int level, A con
       return;
     }
   }
-  if (TraceCapture* capture = TraceCapture::active()) [[unlikely]] {
-    capture->lineIs(traceText(a...));
+  if (TraceCapture* capture = TraceCapture::active()) capture->lineIs(traceText(a...));
+}
+
+template <class... A>
+void traceEmitStored(FlitSite& site, TraceHandle const& handle, int level, A const&... a) {
+  static_assert((size_t(0) + ... + size_t(isValueArg<A>)) <= 64,
+                "a trace message takes at most 64 values");
+  bool const plain = handle.recorded(level) && site.generation == Flitlog::generation() &&
+                     site.id && level < TraceHandle::detailLevel &&
+                     !(site.flags & FlitSite::mirrored) && !TraceCapture::active();
+  if (plain) [[likely]] {
+    flitWrite(Flitlog::current(), site.id, a...);
+  } else {
+    traceEmitSlow(site, handle, level, a...);
   }
 }
 

@@ -126,6 +126,17 @@ TEST_F(ManualClockTest, DueTimersFireByTimeThenArmingOrderWithTheClockAtEachTime
   EXPECT_EQ(clock->nextWakeup(), 3.0);
   EXPECT_EQ(clock->advanceBy(0), 2u);
   EXPECT_EQ(log, (Log{"past@8", "atNow@8"}));
+
+  // Negative times keep their order, and -0 ties with +0 by arming order.
+  log.clear();
+  auto plusZero = timer("+0", 0.0);
+  auto farPast = timer("-1e9", -1e9);
+  auto minusZero = timer("-0", -0.0);
+  auto tiny = timer("-1e-300", -1e-300);
+  auto minusTwo = timer("-2", -2.0);
+  EXPECT_EQ(clock->nextWakeup(), -1e9);
+  EXPECT_EQ(clock->advanceBy(0), 5u);
+  EXPECT_EQ(log, (Log{"-1e9@8", "-2@8", "-1e-300@8", "+0@8", "-0@8"}));
 }
 
 TEST_F(ManualClockTest, HandlersRearmDisarmArmAndDestroyTimersWithinTheSameAdvance) {

@@ -35,7 +35,7 @@
 #include <utility>
 
 #include "framework/Hash.h"
-#include "framework/SmallBlocks.h"
+#include "framework/SmallObject.h"
 
 namespace Vesk {
 
@@ -60,16 +60,12 @@ inline uint64_t orderHash(uint64_t h) noexcept {
 
 template <class K, class V>
 class HashMap {
-  struct Node {
+  struct Node : SmallObject {
     template <class... A>
     Node(uint64_t r, K const& k, A&&... a)
         : rev(r),
           kv(std::piecewise_construct, std::forward_as_tuple(k),
              std::forward_as_tuple(std::forward<A>(a)...)) {}
-    static void* operator new(std::size_t size) { return detail::smallBlockAlloc(size); }
-    static void operator delete(void* p, std::size_t size) noexcept {
-      detail::smallBlockFree(p, size);
-    }
     Node* next = nullptr;
     uint64_t rev;
     uint32_t pins = 0;

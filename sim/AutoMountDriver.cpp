@@ -4,6 +4,7 @@
 
 #include "framework/Activity.h"
 #include "framework/Assert.h"
+#include "framework/SmallObject.h"
 
 namespace Sim {
 
@@ -13,7 +14,9 @@ using Vesk::Clock;
 using Vesk::Seconds;
 
 // The driver's record of one machine: its timer and where its current request stands.
-class AutoMountDriver::Mount : public Clock::Notifiee {
+// Kept in the framework's small-block store, so that it lies beside the machine it serves,
+// made just before it.
+class AutoMountDriver::Mount : public Clock::Notifiee, public Vesk::SmallObject {
  public:
   Mount(AutoMountDriver* driver, MountSm* machine, Vesk::Ptr<Clock> const& clock)
       : Clock::Notifiee(clock), driver_(driver), sm(machine) {}

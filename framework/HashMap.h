@@ -76,11 +76,13 @@ class HashMap {
   struct Table {
     uint32_t refs = 1;
     unsigned bits = 0;
-    size_t live = 0;
     Node** buckets = nullptr;
     size_t bucketCount() const { return size_t(1) << bits; }
-    size_t bucketOf(uint64_t rev) const { return bits ? size_t(rev >> (64 - bits)) : 0; }
+    size_t bucketOf(uint64_t rev) const { return bucketIndex(bits, rev); }
   };
+  static size_t bucketIndex(unsigned bits, uint64_t rev) {
+    return bits ? size_t(rev >> (64 - bits)) : 0;
+  }
 
  public:
   using value_type = std::pair<K const, V>;
@@ -145,7 +147,7 @@ class HashMap {
   HashMap& operator=(HashMap const&) = delete;
   ~HashMap() { detach(); }
 
-  size_t size() const { return t_ ? t_->live : 0; }
+  size_t size() const { return live_; }
   bool empty() const { return size() == 0; }
 
   iterator begin() const { return iterator(t_, t_ ? firstLive(t_, 0) : nullptr); }
@@ -165,9 +167,12 @@ class HashMap {
   // Inserts (k, V(args...)) unless k is present; returns the member and whether it is new.
   template <class... A>
   std::pair<V*, bool> emplace(K const& k, A&&... args) {
-    if (!t_) t_ = newTable(1);
+    if (!t_) {
+      t_ = newTable(1);
+      mirrorTable();
+    }
     uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
-    Node** link = &t_->buckets[t_->bucketOf(rev)];
+    Node** link = &buckets_[bucketIndex(bits_, rev)];
     for (Node* n = *link; n; n = *link) {
       if (n->rev > rev || (n->rev == rev && k < n->kv.first)) break;
       if (n->rev == rev && !(n->kv.first < k)) {
@@ -179,8 +184,10 @@ class HashMap {
     Node* node = new Node(rev, k, std::forward<A>(args)...);
     node->next = *link;
     *link = node;
-    ++t_->live;
-    if (t_->live > t_->bucketCount()) grow(t_);
+    if (++live_ > t_->bucketCount()) {
+      grow(t_);
+      mirrorTable();
+    }
     return {&node->kv.second, true};
   }
 
@@ -189,10 +196,10 @@ class HashMap {
   bool erase(K const& k) {
     if (!t_) return false;
     uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
-    for (Node** link = &t_->buckets[t_->bucketOf(rev)]; Node* n = *link; link = &n->next) {
+    for (Node** link = &buckets_[bucketIndex(bits_, rev)]; Node* n = *link; link = &n->next) {
       if (n->rev > rev) break;
       if (n->rev != rev || n->deleted || !(n->kv.first == k)) continue;
-      --t_->live;
+      --live_;
       if (n->pins) {
         n->deleted = true;
       } else {
@@ -211,15 +218,15 @@ class HashMap {
       return;
     }
     Node* all = unlinkAll(t_);
-    t_->live = 0;
+    live_ = 0;
     destroyChain(all);
   }
 
  private:
   Node* findNode(K const& k) const {
-    if (!t_) return nullptr;
+    if (!buckets_) return nullptr;
     uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
-    for (Node* n = t_->buckets[t_->bucketOf(rev)]; n; n = n->next) {
+    for (Node* n = buckets_[bucketIndex(bits_, rev)]; n; n = n->next) {
       if (n->rev < rev) continue;
       if (n->rev > rev) return nullptr;
       if (!n->deleted && n->kv.first == k) return n;
@@ -295,6 +302,8 @@ class HashMap {
     if (!t_) return;
     Table* t = t_;
     t_ = nullptr;
+    mirrorTable();
+    live_ = 0;
     if (t->refs == 1) {
       release(t);
       return;
@@ -302,7 +311,6 @@ class HashMap {
     for (size_t b = 0; b < t->bucketCount(); ++b) {
       for (Node* n = t->buckets[b]; n; n = n->next) n->deleted = true;
     }
-    t->live = 0;
     // Unpinned nodes can go now; pinned ones are freed when the last iterator releases.
     for (size_t b = 0; b < t->bucketCount(); ++b) {
       Node* keep = nullptr;
@@ -349,7 +357,18 @@ class HashMap {
     }
   }
 
+  // Lookups read the current table's bucket array and size from these copies, kept by
+  // every change of table, without going through the table itself (one object less to
+  // reach on a lookup); the member count lives here alone.
+  void mirrorTable() {
+    buckets_ = t_ ? t_->buckets : nullptr;
+    bits_ = t_ ? t_->bits : 0;
+  }
+
   Table* t_ = nullptr;
+  Node** buckets_ = nullptr;
+  unsigned bits_ = 0;
+  size_t live_ = 0;
 };
 
 }  // namespace Vesk

@@ -18,10 +18,12 @@
 #include <sys/resource.h>
 #include <ctime>
 #include <memory>
+#include <string_view>
 
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
 #include "sim/ExpectedMounts.h"
+#include "sim/LargePageChunks.h"
 #include "sim/World.h"
 
 namespace {
@@ -221,4 +223,22 @@ BENCHMARK(Renegotiation)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()
 
 }  // namespace
 
-BENCHMARK_MAIN();
+// --large_pages: the framework's small objects live in memory advised for large pages, as
+// a hosting process may choose (sim/LargePageChunks.h). Without it, the store's chunks come
+// from the general heap.
+int main(int argc, char** argv) {
+  int kept = 1;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--large_pages") {
+      Sim::useLargePageChunks();
+    } else {
+      argv[kept++] = argv[i];
+    }
+  }
+  argc = kept;
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -6,27 +6,13 @@
 
 #include "framework/ThreadSafePointers.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define VESK_HEAP_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VESK_HEAP_SANITIZED 1
-#endif
-#endif
-
 namespace Vesk::detail {
 namespace {
-
-#ifdef VESK_HEAP_SANITIZED
-constexpr bool kStoreUsed = false;
-#else
-constexpr bool kStoreUsed = true;
-#endif
 
 constexpr size_t kStep = 16;
 constexpr size_t kLargestBlock = 256;
 constexpr size_t kClasses = kLargestBlock / kStep;
-constexpr size_t kChunkBytes = size_t(256) << 10;
+SmallBlockChunkSource chunkSource = nullptr;
 
 void* generalAlloc(size_t size) {
   void* p = std::malloc(size ? size : 1);
@@ -63,8 +49,9 @@ class Store {
   };
   // What is left of the current chunk is smaller than the block asked for; it stays unused.
   [[gnu::noinline]] void newChunk() {
-    next_ = static_cast<char*>(generalAlloc(kChunkBytes));
-    end_ = next_ + kChunkBytes;
+    void* chunk = chunkSource ? chunkSource(kSmallBlockChunkBytes) : nullptr;
+    next_ = static_cast<char*>(chunk ? chunk : generalAlloc(kSmallBlockChunkBytes));
+    end_ = next_ + kSmallBlockChunkBytes;
   }
 
   FreeBlock* free_[kClasses] = {};
@@ -95,14 +82,14 @@ constinit NeverDestroyed held;
 }  // namespace
 
 void* smallBlockAlloc(size_t size) {
-  if (!kStoreUsed || size > kLargestBlock) return generalAlloc(size);
+  if (!kSmallBlockStoreUsed || size > kLargestBlock) return generalAlloc(size);
   if (threadSafePointers_) return takeLocked(classOf(size));
   return held.store.take(classOf(size));
 }
 
 void smallBlockFree(void* p, size_t size) noexcept {
   if (!p) return;
-  if (!kStoreUsed || size > kLargestBlock) {
+  if (!kSmallBlockStoreUsed || size > kLargestBlock) {
     std::free(p);
   } else if (threadSafePointers_) {
     giveLocked(p, classOf(size));
@@ -112,3 +99,9 @@ void smallBlockFree(void* p, size_t size) noexcept {
 }
 
 }  // namespace Vesk::detail
+
+namespace Vesk {
+
+void smallBlockChunkSourceIs(SmallBlockChunkSource source) { detail::chunkSource = source; }
+
+}  // namespace Vesk

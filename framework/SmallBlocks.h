@@ -10,11 +10,44 @@
 //
 // The caller gives the size back on release. The store takes a lock only while
 // threadSafePointers_ is on.
+//
+// Chunks come from the general allocator unless the hosting process supplies a source of
+// its own, for example memory that it has asked the system to back with large pages: at
+// scale that spares most of the page faults and address-translation misses of the
+// framework's objects.
 #pragma once
 
 #include <cstddef>
 
+namespace Vesk {
+
+// The store cuts its blocks from chunks of this size.
+inline constexpr size_t kSmallBlockChunkBytes = size_t(2) << 20;
+
+// Returns kSmallBlockChunkBytes bytes aligned to at least 16, or null when it has none (the
+// store then falls back to the general allocator). Chunks are never given back.
+using SmallBlockChunkSource = void* (*)(size_t bytes);
+// Where later chunks come from; null restores the general allocator. Set it before a
+// second thread allocates.
+void smallBlockChunkSourceIs(SmallBlockChunkSource source);
+
+}  // namespace Vesk
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VESK_HEAP_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VESK_HEAP_SANITIZED 1
+#endif
+#endif
+
 namespace Vesk::detail {
+
+#ifdef VESK_HEAP_SANITIZED
+inline constexpr bool kSmallBlockStoreUsed = false;
+#else
+inline constexpr bool kSmallBlockStoreUsed = true;
+#endif
 
 void* smallBlockAlloc(size_t size);
 void smallBlockFree(void* p, size_t size) noexcept;

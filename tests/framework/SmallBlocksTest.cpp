@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -61,6 +63,38 @@ TEST(SmallBlocks, TwoThreadsAllocateAndReleaseWithoutSharingABlock) {
   one.join();
   two.join();
   threadSafePointers_ = false;
+}
+
+// A hosting process's chunk source serves the blocks cut after it is set; a source that has
+// nothing leaves the store on the general allocator.
+std::vector<char*> suppliedChunks;
+void* countedChunk(size_t bytes) {
+  void* chunk = std::aligned_alloc(16, bytes);
+  suppliedChunks.push_back(static_cast<char*>(chunk));
+  return chunk;
+}
+void* noChunk(size_t) { return nullptr; }
+
+TEST(SmallBlocks, ChunksComeFromTheHostsSourceOnceItIsSet) {
+  if (!kSmallBlockStoreUsed) GTEST_SKIP() << "the sanitizer's heap serves every block";
+  smallBlockChunkSourceIs(countedChunk);
+  // More than a chunk's worth of the largest class, so that the store must cut a new one.
+  std::vector<void*> held;
+  for (size_t made = 0; made <= kSmallBlockChunkBytes; made += 256) {
+    held.push_back(smallBlockAlloc(256));
+  }
+  auto* const last = static_cast<char*>(held.back());
+  EXPECT_TRUE(std::any_of(suppliedChunks.begin(), suppliedChunks.end(), [last](char* chunk) {
+    return last >= chunk && last < chunk + kSmallBlockChunkBytes;
+  }));
+
+  smallBlockChunkSourceIs(noChunk);
+  for (size_t made = 0; made <= kSmallBlockChunkBytes; made += 256) {
+    held.push_back(smallBlockAlloc(256));
+  }
+  smallBlockChunkSourceIs(nullptr);
+  for (void* p : held) std::memset(p, 0x5a, 256);  // all usable memory
+  for (void* p : held) smallBlockFree(p, 256);
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 #include "framework/SmallBlocks.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 #include <new>
 
+#include "framework/Assert.h"
 #include "framework/ThreadSafePointers.h"
 
 namespace Vesk::detail {
@@ -12,6 +14,7 @@ namespace {
 constexpr size_t kStep = 16;
 constexpr size_t kLargestBlock = 256;
 constexpr size_t kClasses = kLargestBlock / kStep;
+constexpr size_t kChunkBytes = kSmallBlockChunkBytes;
 SmallBlockChunkSource chunkSource = nullptr;
 
 void* generalAlloc(size_t size) {
@@ -21,42 +24,144 @@ void* generalAlloc(size_t size) {
 }
 
 size_t classOf(size_t size) { return size ? (size - 1) / kStep : 0; }
+uint32_t bitOf(size_t cls) { return uint32_t(1) << cls; }
 
+struct FreeBlock {
+  FreeBlock* next;
+};
+
+// The head of every chunk (chunks are aligned to their size, so a block finds its chunk
+// by masking its address): the part not yet cut, the chunk's own released blocks per
+// class, how many of its blocks are handed out, and its places in the store's lists.
+struct Chunk {
+  char* next;
+  char* end;
+  uint32_t live = 0;
+  // Classes for which the chunk is on the store's list of chunks with released blocks.
+  uint32_t partialMask = 0;
+  bool onEmptyList = false;
+  FreeBlock* free[kClasses] = {};
+  Chunk* partialNext[kClasses] = {};
+  Chunk* emptyNext = nullptr;
+
+  char* firstBlock() { return reinterpret_cast<char*>(this) + kHeaderBytes; }
+  static constexpr size_t kHeaderBytes = 512;
+};
+static_assert(sizeof(Chunk) <= Chunk::kHeaderBytes);
+
+Chunk* chunkOf(void* block) {
+  return reinterpret_cast<Chunk*>(reinterpret_cast<uintptr_t>(block) & ~(kChunkBytes - 1));
+}
+
+// Blocks are cut from one current chunk in the order of the requests, whatever their
+// class, so that objects made together lie together. A released block goes back to its
+// own chunk; a chunk whose blocks have all come back is cut afresh from its start, so that
+// after a mass release new objects lie together again instead of filling scattered holes.
 class Store {
  public:
   void* take(size_t cls) {
-    if (FreeBlock* b = free_[cls]) {
-      free_[cls] = b->next;
-      return b;
+    if (Chunk* c = current_) {
+      if (FreeBlock* b = c->free[cls]) {
+        c->free[cls] = b->next;
+        ++c->live;
+        return b;
+      }
+      size_t const bytes = (cls + 1) * kStep;
+      if (size_t(c->end - c->next) >= bytes) {
+        void* p = c->next;
+        c->next += bytes;
+        ++c->live;
+        return p;
+      }
     }
-    size_t const bytes = (cls + 1) * kStep;
-    if (size_t(end_ - next_) < bytes) [[unlikely]]
-      newChunk();
-    void* p = next_;
-    next_ += bytes;
-    return p;
+    return takeElsewhere(cls);
   }
+
   void give(void* p, size_t cls) noexcept {
+    Chunk* c = chunkOf(p);
+    if (--c->live == 0) {
+      reset(c);
+      return;
+    }
     auto* b = static_cast<FreeBlock*>(p);
-    b->next = free_[cls];
-    free_[cls] = b;
+    b->next = c->free[cls];
+    c->free[cls] = b;
+    if (c != current_) listPartial(c, cls);
   }
+
   std::mutex& mutex() { return mutex_; }
 
  private:
-  struct FreeBlock {
-    FreeBlock* next;
-  };
-  // What is left of the current chunk is smaller than the block asked for; it stays unused.
-  [[gnu::noinline]] void newChunk() {
-    void* chunk = chunkSource ? chunkSource(kSmallBlockChunkBytes) : nullptr;
-    next_ = static_cast<char*>(chunk ? chunk : generalAlloc(kSmallBlockChunkBytes));
-    end_ = next_ + kSmallBlockChunkBytes;
+  [[gnu::noinline]] void* takeElsewhere(size_t cls) {
+    // A released block of this class in another chunk; entries whose blocks are gone
+    // (taken, or the chunk was emptied) are dropped on the way.
+    while (Chunk* c = partial_[cls]) {
+      if (FreeBlock* b = c->free[cls]) {
+        c->free[cls] = b->next;
+        ++c->live;
+        if (!c->free[cls]) unlistPartial(cls);
+        return b;
+      }
+      unlistPartial(cls);
+    }
+    // Otherwise cut from an emptied chunk, or from a new one.
+    if (current_) retire(current_);
+    current_ = empty_ ? popEmpty() : newChunk();
+    return take(cls);
   }
 
-  FreeBlock* free_[kClasses] = {};
-  char* next_ = nullptr;
-  char* end_ = nullptr;
+  // The current chunk's released blocks become visible to the other classes' searches
+  // once it stops being current.
+  void retire(Chunk* c) {
+    for (size_t cls = 0; cls < kClasses; ++cls) {
+      if (c->free[cls]) listPartial(c, cls);
+    }
+  }
+
+  void listPartial(Chunk* c, size_t cls) {
+    if (c->partialMask & bitOf(cls)) return;
+    c->partialMask |= bitOf(cls);
+    c->partialNext[cls] = partial_[cls];
+    partial_[cls] = c;
+  }
+  void unlistPartial(size_t cls) {
+    Chunk* c = partial_[cls];
+    partial_[cls] = c->partialNext[cls];
+    c->partialMask &= ~bitOf(cls);
+  }
+
+  // Every block of c is back: its released blocks are forgotten and it is cut afresh.
+  // Its entries on the partial lists go stale and are dropped when next met.
+  void reset(Chunk* c) {
+    for (FreeBlock*& f : c->free) f = nullptr;
+    c->next = c->firstBlock();
+    if (c == current_ || c->onEmptyList) return;
+    c->onEmptyList = true;
+    c->emptyNext = empty_;
+    empty_ = c;
+  }
+
+  Chunk* popEmpty() {
+    Chunk* c = empty_;
+    empty_ = c->emptyNext;
+    c->onEmptyList = false;
+    return c;
+  }
+
+  Chunk* newChunk() {
+    void* memory = chunkSource ? chunkSource(kChunkBytes) : nullptr;
+    if (!memory) memory = std::aligned_alloc(kChunkBytes, kChunkBytes);
+    if (!memory) throw std::bad_alloc();
+    VESK_ASSERT_MSG(chunkOf(memory) == memory, "a small-block chunk aligned to its size");
+    auto* c = new (memory) Chunk;
+    c->next = c->firstBlock();
+    c->end = static_cast<char*>(memory) + kChunkBytes;
+    return c;
+  }
+
+  Chunk* current_ = nullptr;
+  Chunk* partial_[kClasses] = {};
+  Chunk* empty_ = nullptr;
   std::mutex mutex_;
 };
 

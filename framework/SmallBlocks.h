@@ -1,12 +1,14 @@
 // The store of small blocks behind the framework allocator.
 //
-// Requests of up to 256 bytes are served in classes of 16-byte steps. A fresh block is cut
-// from the current chunk in the order of the requests, so objects made together lie
-// together, as they would from the general allocator, without its per-block header; a
-// released block waits on its class's free list for the next request of that class.
-// Chunks are never given back. Larger requests go to the general allocator, and so does
-// every request in a build whose address sanitizer tracks the heap, so that its checks
-// see each object.
+// Requests of up to 256 bytes are served in classes of 16-byte steps, cut from 2 MB chunks.
+// Blocks are cut from one current chunk in the order of the requests, whatever their
+// class, so objects made together lie together, as they would from the general allocator,
+// without its per-block header. A released block goes back to its own chunk's list for its
+// class and serves a later request of that class; a chunk whose blocks have all come back
+// is cut afresh from its start, so that after a mass release (a fleet of switches gone)
+// new objects lie together again instead of filling scattered holes. Chunks are never
+// given back. Larger requests go to the general allocator, and so does every request in a
+// build whose address sanitizer tracks the heap, so that its checks see each object.
 //
 // The caller gives the size back on release. The store takes a lock only while
 // threadSafePointers_ is on.
@@ -24,8 +26,9 @@ namespace Vesk {
 // The store cuts its blocks from chunks of this size.
 inline constexpr size_t kSmallBlockChunkBytes = size_t(2) << 20;
 
-// Returns kSmallBlockChunkBytes bytes aligned to at least 16, or null when it has none (the
-// store then falls back to the general allocator). Chunks are never given back.
+// Returns kSmallBlockChunkBytes bytes aligned to kSmallBlockChunkBytes (anything else stops
+// the process), or null when it has none: the store then falls back to the general
+// allocator. Chunks are never given back.
 using SmallBlockChunkSource = void* (*)(size_t bytes);
 // Where later chunks come from; null restores the general allocator. Set it before a
 // second thread allocates.

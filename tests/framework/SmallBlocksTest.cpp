@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -65,11 +66,59 @@ TEST(SmallBlocks, TwoThreadsAllocateAndReleaseWithoutSharingABlock) {
   threadSafePointers_ = false;
 }
 
+// Blocks released into chunks other than the current one are served again once the
+// current chunk is used up, before any new chunk is cut.
+TEST(SmallBlocks, ReleasedBlocksInOlderChunksAreServedAgain) {
+  if (!kSmallBlockStoreUsed) GTEST_SKIP() << "the sanitizer's heap serves every block";
+  constexpr size_t kSize = 48;
+  std::vector<void*> held;
+  for (size_t made = 0; made < 2 * kSmallBlockChunkBytes; made += kSize) {
+    held.push_back(smallBlockAlloc(kSize));
+  }
+  std::set<void*> released;
+  for (size_t i = 0; i < held.size() / 2; i += 2) {
+    smallBlockFree(held[i], kSize);
+    released.insert(held[i]);
+    held[i] = nullptr;
+  }
+  // Whatever room the current chunk has left, less than a chunk, comes first.
+  size_t const requests = released.size() + kSmallBlockChunkBytes / kSize;
+  for (size_t i = 0; i < requests; ++i) {
+    void* p = smallBlockAlloc(kSize);
+    released.erase(p);
+    held.push_back(p);
+  }
+  EXPECT_TRUE(released.empty()) << released.size() << " released blocks were not served again";
+  for (void* p : held) smallBlockFree(p, kSize);
+}
+
+// After a mass release, chunks are cut afresh from their start: new blocks lie side by side
+// in request order, whatever order the old ones were released in.
+TEST(SmallBlocks, ChunksEmptiedByAMassReleaseAreCutInOrderAgain) {
+  if (!kSmallBlockStoreUsed) GTEST_SKIP() << "the sanitizer's heap serves every block";
+  constexpr size_t kSize = 64;
+  size_t const count = 3 * kSmallBlockChunkBytes / kSize;
+  std::vector<char*> blocks;
+  for (size_t i = 0; i < count; ++i) blocks.push_back(static_cast<char*>(smallBlockAlloc(kSize)));
+  uint64_t rng = 7;
+  for (size_t i = count - 1; i > 0; --i) {  // released in a shuffled order
+    rng = rng * 6364136223846793005ull + 1442695040888963407ull;
+    std::swap(blocks[i], blocks[size_t(rng >> 33) % (i + 1)]);
+  }
+  for (char* p : blocks) smallBlockFree(p, kSize);
+  blocks.clear();
+  for (size_t i = 0; i < count; ++i) blocks.push_back(static_cast<char*>(smallBlockAlloc(kSize)));
+  size_t adjacent = 0;
+  for (size_t i = 1; i < count; ++i) adjacent += blocks[i] == blocks[i - 1] + kSize;
+  EXPECT_GT(adjacent, count * 9 / 10);
+  for (char* p : blocks) smallBlockFree(p, kSize);
+}
+
 // A hosting process's chunk source serves the blocks cut after it is set; a source that has
 // nothing leaves the store on the general allocator.
 std::vector<char*> suppliedChunks;
 void* countedChunk(size_t bytes) {
-  void* chunk = std::aligned_alloc(16, bytes);
+  void* chunk = std::aligned_alloc(bytes, bytes);
   suppliedChunks.push_back(static_cast<char*>(chunk));
   return chunk;
 }
@@ -78,11 +127,13 @@ void* noChunk(size_t) { return nullptr; }
 TEST(SmallBlocks, ChunksComeFromTheHostsSourceOnceItIsSet) {
   if (!kSmallBlockStoreUsed) GTEST_SKIP() << "the sanitizer's heap serves every block";
   smallBlockChunkSourceIs(countedChunk);
-  // More than a chunk's worth of the largest class, so that the store must cut a new one.
+  // Until the store has used up its current chunk and released blocks and needs a new one.
   std::vector<void*> held;
-  for (size_t made = 0; made <= kSmallBlockChunkBytes; made += 256) {
+  for (size_t made = 0; suppliedChunks.empty() && made < 8 * kSmallBlockChunkBytes; made += 256) {
     held.push_back(smallBlockAlloc(256));
   }
+  ASSERT_FALSE(suppliedChunks.empty());
+  held.push_back(smallBlockAlloc(256));
   auto* const last = static_cast<char*>(held.back());
   EXPECT_TRUE(std::any_of(suppliedChunks.begin(), suppliedChunks.end(), [last](char* chunk) {
     return last >= chunk && last < chunk + kSmallBlockChunkBytes;

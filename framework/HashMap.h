@@ -30,6 +30,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -73,7 +74,7 @@ class HashMap {
     std::pair<K const, V> kv;
   };
 
-  struct Table {
+  struct Table : SmallObject {
     uint32_t refs = 1;
     unsigned bits = 0;
     Node** buckets = nullptr;
@@ -234,16 +235,26 @@ class HashMap {
     return nullptr;
   }
 
+  // Bucket arrays, empty; small ones come from the small-block store like the members.
+  static Node** newBuckets(size_t count) {
+    void* p = detail::smallBlockAlloc(count * sizeof(Node*));
+    std::memset(p, 0, count * sizeof(Node*));
+    return static_cast<Node**>(p);
+  }
+  static void freeBuckets(Node** buckets, size_t count) {
+    detail::smallBlockFree(buckets, count * sizeof(Node*));
+  }
+
   static Table* newTable(unsigned bits) {
     Table* t = new Table;
     t->bits = bits;
-    t->buckets = static_cast<Node**>(std::calloc(t->bucketCount(), sizeof(Node*)));
+    t->buckets = newBuckets(t->bucketCount());
     return t;
   }
 
   static void grow(Table* t) {
     size_t const oldCount = t->bucketCount();
-    Node** next = static_cast<Node**>(std::calloc(oldCount * 2, sizeof(Node*)));
+    Node** next = newBuckets(oldCount * 2);
     uint64_t const splitBit = uint64_t(1) << (63 - t->bits);
     for (size_t i = 0; i < oldCount; ++i) {
       Node* head = t->buckets[i];
@@ -258,7 +269,7 @@ class HashMap {
       next[2 * i] = low;
       next[2 * i + 1] = head;
     }
-    std::free(t->buckets);
+    freeBuckets(t->buckets, oldCount);
     t->buckets = next;
     ++t->bits;
   }
@@ -293,7 +304,7 @@ class HashMap {
   static void release(Table* t) {
     if (--t->refs) return;
     destroyChain(unlinkAll(t));
-    std::free(t->buckets);
+    freeBuckets(t->buckets, t->bucketCount());
     delete t;
   }
 

@@ -1,4 +1,5 @@
-// The store of small blocks behind the framework allocator.
+// The store of small blocks behind the framework allocator, the keyed collections and the
+// strings.
 //
 // Requests of up to 256 bytes are served in classes of 16-byte steps, cut from 2 MB chunks.
 // Blocks are cut from one current chunk in the order of the requests, whatever their

@@ -69,9 +69,6 @@ Ptr<Entity> Dir::entryIs(Name const& name, String const& type) {
 }
 
 Ptr<Dir> Dir::subdirIs(Name const& name) {
-  // An existing directory is known by its type name's address, without comparing text.
-  Owned<Entity> const* held = entityPtr_.find(name);
-  if (held && (*held)->veskTypeName() == typeName) return static_ptr_cast<Dir>(held->ptr());
   static String const type(typeName);
   return static_ptr_cast<Dir>(entryIs(name, type));
 }

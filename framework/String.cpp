@@ -25,6 +25,7 @@ uint64_t littleEndianTail(char const* p, size_t n) noexcept {
   for (size_t k = 0; k < n; ++k) w |= uint64_t(uint8_t(p[k])) << (8 * k);
   return w;
 }
+size_t repBytes(size_t n) { return offsetof(StrRep, data) + n + 1; }
 }  // namespace
 
 uint64_t hashBytes(char const* p, size_t n) noexcept {
@@ -44,10 +45,6 @@ uint64_t hashBytes(char const* p, size_t n) noexcept {
   return h;
 }
 
-namespace {
-size_t repBytes(size_t n) { return offsetof(StrRep, data) + n + 1; }
-}  // namespace
-
 StrRep* newRep(size_t n) {
   if (n == 0) return nullptr;
   auto* r = static_cast<StrRep*>(smallBlockAlloc(repBytes(n)));
@@ -55,8 +52,6 @@ StrRep* newRep(size_t n) {
   r->size = uint32_t(n);
   return r;
 }
-
-char* repData(StrRep* r) noexcept { return r->data; }
 
 void freeRep(StrRep* r) noexcept { smallBlockFree(r, repBytes(r->size)); }
 

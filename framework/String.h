@@ -32,7 +32,7 @@ struct StrRep {
 };
 void freeRep(StrRep* r) noexcept;
 
-// Counts are plain increments unless pointers are thread-safe (see PtrInterface.h).
+// Counts are plain increments unless pointers are thread-safe (ThreadSafePointers.h).
 inline void ref(StrRep* r) noexcept {
   if (!r) return;
   if (threadSafePointers_) {
@@ -55,9 +55,8 @@ inline void unref(StrRep* r) noexcept {
 }
 
 uint64_t hashBytes(char const* p, size_t n) noexcept;
-// A buffer for n bytes (null for 0), to be written through repData and then sealed.
+// A buffer for n bytes (null for 0), to be written into data and then sealed.
 StrRep* newRep(size_t n);
-char* repData(StrRep* r) noexcept;
 // Terminates the written bytes and computes their hash.
 void sealRep(StrRep* r) noexcept;
 }  // namespace detail
@@ -97,7 +96,7 @@ class String {
     String s;
     s.rep_ = detail::newRep(n);
     if (s.rep_) {
-      fill(detail::repData(s.rep_));
+      fill(s.rep_->data);
       detail::sealRep(s.rep_);
     }
     return s;

@@ -94,12 +94,17 @@ class Store {
  private:
   [[gnu::noinline]] void* takeElsewhere(size_t cls) {
     // A released block of this class in another chunk; entries whose blocks are gone
-    // (taken, or the chunk was emptied) are dropped on the way.
+    // (taken, or the chunk was emptied) are dropped on the way. That chunk becomes the
+    // current one, so that the requests that follow (the other parts of the same object
+    // group, as a rule) take its released blocks of their classes too: objects released
+    // together were neighbours, and their successors become neighbours again.
     while (Chunk* c = partial_[cls]) {
       if (FreeBlock* b = c->free[cls]) {
         c->free[cls] = b->next;
         ++c->live;
-        if (!c->free[cls]) unlistPartial(cls);
+        unlistPartial(cls);
+        if (current_) retire(current_);
+        current_ = c;
         return b;
       }
       unlistPartial(cls);

@@ -7,7 +7,10 @@
 // without its per-block header. A released block goes back to its own chunk's list for its
 // class and serves a later request of that class; a chunk whose blocks have all come back
 // is cut afresh from its start, so that after a mass release (a fleet of switches gone)
-// new objects lie together again instead of filling scattered holes. Chunks are never
+// new objects lie together again instead of filling scattered holes. A chunk that still
+// holds some blocks serves its released ones chunk by chunk: the request that turns to it
+// makes it current, so the requests after it fill that chunk's holes of their own sizes
+// and objects made together stay in one chunk. Chunks are never
 // given back. Larger requests go to the general allocator, and so does every request in a
 // build whose address sanitizer tracks the heap, so that its checks see each object.
 //

@@ -114,6 +114,44 @@ TEST(SmallBlocks, ChunksEmptiedByAMassReleaseAreCutInOrderAgain) {
   for (char* p : blocks) smallBlockFree(p, kSize);
 }
 
+// Once a request is served from another chunk's released blocks, the requests after it take
+// that chunk's released blocks of their own sizes, whatever order each size was released
+// in: objects made together stay together when they take the places of released ones.
+TEST(SmallBlocks, RequestsMadeTogetherReuseOneChunksReleasedBlocks) {
+  if (!kSmallBlockStoreUsed) GTEST_SKIP() << "the sanitizer's heap serves every block";
+  constexpr size_t kSmall = 48, kLarge = 192;
+  auto chunkOf = [](char* p) { return reinterpret_cast<uintptr_t>(p) / kSmallBlockChunkBytes; };
+  size_t const count = 3 * kSmallBlockChunkBytes / (kSmall + kLarge);
+  std::vector<std::pair<char*, char*>> pairs;
+  for (size_t i = 0; i < count; ++i) {
+    pairs.emplace_back(static_cast<char*>(smallBlockAlloc(kSmall)),
+                       static_cast<char*>(smallBlockAlloc(kLarge)));
+  }
+  // One pair per chunk stays, so that no chunk empties; the small blocks go in the order
+  // they were made, the large ones in the reverse order.
+  std::vector<std::pair<char*, char*>> kept, released;
+  std::set<uintptr_t> anchored;
+  for (auto const& pair : pairs) {
+    (anchored.insert(chunkOf(pair.first)).second ? kept : released).push_back(pair);
+  }
+  for (auto const& pair : released) smallBlockFree(pair.first, kSmall);
+  for (auto it = released.rbegin(); it != released.rend(); ++it) smallBlockFree(it->second, kLarge);
+
+  size_t together = 0;
+  for (auto& pair : released) {
+    pair = {static_cast<char*>(smallBlockAlloc(kSmall)),
+            static_cast<char*>(smallBlockAlloc(kLarge))};
+    together += chunkOf(pair.first) == chunkOf(pair.second);
+  }
+  EXPECT_GT(together, released.size() * 9 / 10);
+  for (auto const* group : {&kept, &released}) {
+    for (auto const& [small, large] : *group) {
+      smallBlockFree(small, kSmall);
+      smallBlockFree(large, kLarge);
+    }
+  }
+}
+
 // A hosting process's chunk source serves the blocks cut after it is set; a source that has
 // nothing leaves the store on the general allocator.
 std::vector<char*> suppliedChunks;

@@ -1,5 +1,6 @@
 // The records shared with the controller's sibling components: SystemId as a value and as a
-// collection key, the mount machine's contract with its driver, and published mounts.
+// collection key, the mount machine's contract with its driver, published mounts, and the
+// change count of the counted records.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -170,6 +171,42 @@ TEST(PublishedMounts, APublishedMountIsKeyedByItsLocalPath) {
   EXPECT_EQ(system->publishedMountSize(), 1u);
   EXPECT_EQ(log.keys, (std::vector<std::string>{"/local/a", "/local/a"}));
   log.notifierIs(nullptr);
+}
+
+// Each change of a counted record is counted before its notifiees hear of it, so that a
+// reader called from any of them already sees the new count; setting a value already held
+// and changing an uncounted record count nothing.
+TEST(CountedRecords, EveryChangeIsCountedBeforeItIsNotified) {
+  struct Seen : ServiceVersionStatusV1::NotifieeConst {
+    uint64_t count = 0;
+    void onNegotiatedVersion() override { count = Vesk::countedRecordChanges(); }
+  } seen;
+  auto version = serviceVersionStatusV1Factory("v");
+  seen.notifierIs(version);
+  uint64_t const before = Vesk::countedRecordChanges();
+  version->negotiatedVersionIs(2);
+  EXPECT_EQ(seen.count, before + 1);
+  version->negotiatedVersionIs(2);
+  EXPECT_EQ(Vesk::countedRecordChanges(), before + 1);
+
+  auto counts = [](auto&& change) {
+    uint64_t const start = Vesk::countedRecordChanges();
+    change();
+    return Vesk::countedRecordChanges() - start;
+  };
+  auto peers = peerTableFactory("peers");
+  auto dir = serviceStatusDirFactory("dir");
+  SystemId const system = systemOf(0x001c73000001);
+  EXPECT_EQ(counts([&] { peers->peerIs(system); }), 1u);
+  EXPECT_EQ(counts([&] { peers->peer(system)->serviceStatusDirIs(dir); }), 1u);
+  EXPECT_EQ(counts([&] { dir->serviceIs("svc"); }), 1u);
+  EXPECT_EQ(counts([&] { dir->service("svc")->enabledIs(true); }), 1u);
+  EXPECT_EQ(counts([&] { dir->service("svc")->versionStatusIs(version); }), 1u);
+  EXPECT_EQ(counts([&] { version->versionCompatibleIs(true); }), 1u);
+  EXPECT_EQ(counts([&] { dir->serviceDel("svc"); }), 1u);
+  EXPECT_EQ(counts([&] { peers->peerDel(system); }), 1u);
+  EXPECT_EQ(counts([&] { connectionConfigFactory("conn")->mountTimeoutIs(5); }), 0u);
+  seen.notifierIs(nullptr);
 }
 
 }  // namespace

@@ -99,9 +99,11 @@ Vars baseVars(Schema const& s, Entity const& e, Attr const& a, int id) {
   return v;
 }
 
-std::string notifyCall(Attr const& a, std::string const& call) {
-  if (!a.notify) return "";
-  return "  notify<NotifieeConst>([&](NotifieeConst* n) { n->" + call + "; });\n";
+// A change of state: counted first (counted types), then told to the notifiees.
+std::string notifyCall(Entity const& e, Attr const& a, std::string const& call) {
+  std::string out = e.counted ? "  ::Vesk::countedRecordChanged();\n" : "";
+  if (a.notify) out += "  notify<NotifieeConst>([&](NotifieeConst* n) { n->" + call + "; });\n";
+  return out;
 }
 
 // ---- key --------------------------------------------------------------------------------
@@ -152,7 +154,7 @@ void emitScalar(Context const& c, Sections& out) {
                                         "\"{{QT}}\");\n",
                                         v)
                                   : "";
-  v["NOTIFY"] = notifyCall(c.attr, "on" + upperFirst(c.attr.name) + "()");
+  v["NOTIFY"] = notifyCall(c.entity, c.attr, "on" + upperFirst(c.attr.name) + "()");
   out.decl += fill(
       "  {{VRET}} {{a}}() const { return {{a}}_; }\n"
       "  void {{a}}Is({{V}} const& v);\n",
@@ -225,7 +227,7 @@ void emitParent(Context const& c, Sections& out) {
 void emitCollectionCommon(Context const& c, Sections& out, std::string const& stored) {
   Vars v = c.vars;
   v["S"] = stored;
-  v["NOTIFY"] = notifyCall(c.attr, "on" + upperFirst(c.attr.name) + "(k)");
+  v["NOTIFY"] = notifyCall(c.entity, c.attr, "on" + upperFirst(c.attr.name) + "(k)");
   out.decl += fill(
       "  void {{a}}Del({{K}} const& k);\n"
       "  void {{a}}DelAll();\n"
@@ -590,8 +592,9 @@ Output emit(Schema const& s, std::string const& schemaName) {
   Output out;
   std::string banner = "// Generated from " + schemaName + " by vgen; do not edit.\n";
   out.header = banner + "#pragma once\n\n#include <cstdint>\n#include <iosfwd>\n\n";
-  for (char const* inc : {"framework/Entity.h", "framework/Exception.h", "framework/HashMap.h",
-                          "framework/Notifiee.h", "framework/ValueText.h"}) {
+  for (char const* inc :
+       {"framework/CountedRecords.h", "framework/Entity.h", "framework/Exception.h",
+        "framework/HashMap.h", "framework/Notifiee.h", "framework/ValueText.h"}) {
     out.header += std::string("#include \"") + inc + "\"\n";
   }
   for (auto const& inc : s.includes) out.header += "#include \"" + inc + "\"\n";

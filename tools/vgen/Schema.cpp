@@ -167,6 +167,8 @@ Schema parseSchema(std::string const& path) {
           entity->factory = true;
         } else if (t[i] == "hooks") {
           entity->hooks = true;
+        } else if (t[i] == "counted") {
+          entity->counted = true;
         } else {
           r.fail("unknown entity flag '" + t[i] + "'");
         }

@@ -8,11 +8,13 @@
 //   enum <Name>                     an enumeration stored as an unsigned 32-bit value,
 //     <enumerator> = <number>       one line per value, up to "end"
 //   end
-//   entity <Name> [factory] [hooks] an entity type; "factory" makes it creatable by name in
+//   entity <Name> [factory] [hooks] [counted]
+//                                   an entity type; "factory" makes it creatable by name in
 //                                   a directory (<name>Factory(Name) and the type registry);
 //                                   "hooks" has the constructor end with veskConstructed()
 //                                   and the destructor begin with veskDestroyed(), both
-//                                   hand-written
+//                                   hand-written; "counted" adds each change of its state to
+//                                   the count of framework/CountedRecords.h
 //     key <attr> : <Type>           the key; the entity's name is its text form
 //     param <attr> : <Type>         immutable constructor parameter
 //     attr <attr> : <Type> [notify] [nonnull]
@@ -57,6 +59,7 @@ struct Entity {
   std::string ns;
   bool factory = false;
   bool hooks = false;
+  bool counted = false;
   std::vector<Attr> attrs;
   std::vector<std::string> declares;
   std::vector<std::string> members;

@@ -429,7 +429,8 @@ bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mount
 }
 
 bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mounter,
-                                                            SystemId const& systemId) {
+                                                            SystemId const& systemId,
+                                                            VersionMemo* memo) {
   ServiceMountGroupConfig const* group = mounter.mountGroupConfig().ptr();
   if (!group) return false;
   if (MountFilterSystem const* systems = group->systemFilter().ptr()) {
@@ -437,7 +438,7 @@ bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mount
   }
   if (MountFilterServiceVersion const* versions = group->versionFilter().ptr()) {
     uint32_t version =
-        mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(mounter), systemId);
+        mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(mounter), systemId, memo);
     if (version == 0 || !versions->includedServiceVersion(version)) return false;
   }
   return true;
@@ -588,7 +589,7 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
              mounter.mountConfig() ? mounter.mountConfig()->remotePath() : Vesk::Name());
   if (!group) return;  // the system's statuses are gone with its peer
   MountGroupSummaries& summaries = mountsRegistrySm_->mountGroupSummaries();
-  if (mounterIsInterestedInConnection(mounter, systemId)) {
+  if (mounterIsInterestedInConnection(mounter, systemId, records ? &records->version : nullptr)) {
     Vesk::Ptr<MountStatus> status =
         records && records->mount && records->mount->parentRaw() == group.ptr() ? records->mount
                                                                                 : nullptr;

@@ -14,6 +14,7 @@
 #include "framework/Machine.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"
+#include "registry/VersionMemo.h"
 
 namespace Controller {
 
@@ -73,7 +74,9 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   bool systemMatchesVersionFilter(SystemId const& systemId);
   bool matchingServiceVersionFilter(Vesk::String const& service, SystemId const& systemId);
   bool mounterIsInterestedInConnection(Mounter const& mounter, Vesk::String const& connection);
-  bool mounterIsInterestedInConnection(Mounter const& mounter, SystemId const& systemId);
+  // `memo`, when given, keeps the mounter's negotiated version on the system between calls.
+  bool mounterIsInterestedInConnection(Mounter const& mounter, SystemId const& systemId,
+                                       VersionMemo* memo = nullptr);
   bool preserveMountsOnDisconnect(SystemId const& systemId);
   void doConnectSwitch(SystemId const& systemId);
   void doDisconnectSwitch(SystemId const& systemId);
@@ -114,6 +117,8 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
     Vesk::Ptr<Mounter const> mounter;
     Vesk::Ptr<ServiceMountGroupStatus> group;
     Vesk::Ptr<MountStatus> mount;
+    // The mounter's negotiated version on the system, for its interest in the system.
+    VersionMemo version;
     // Where the registry keeps the group's summary.
     MountGroupSummaries::Place summaryPlace = MountGroupSummaries::kNoPlace;
     // Whether the group status is still in a system status of the service. A system status

@@ -1,6 +1,7 @@
 #include "registry/MountsRegistrySm.h"
 
 #include "framework/Assert.h"
+#include "framework/CountedRecords.h"
 #include "framework/Trace.h"
 #include "registry/ConnectionServiceStatusDirSm.h"
 #include "registry/MountsRegistryEntrySm.h"
@@ -218,31 +219,47 @@ uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(
 }
 
 uint32_t MountsRegistrySm::negotiatedServiceVersionForSystem(Vesk::String const& service,
-                                                             SystemId const& systemId) const {
+                                                             SystemId const& systemId,
+                                                             VersionMemo* memo) const {
   Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 8, "MountsRegistrySm::negotiatedServiceVersionForConnection",
              " service:", service, " connection:", connection);
+  Vesk::Name const realService = realServiceOf(service);
+  VersionReading reading;
+  uint64_t const changes = Vesk::countedRecordChanges();
+  if (memo && memo->changes == changes) {
+    reading = memo->reading;
+  } else {
+    reading = versionInRecords(realService, systemId);
+    if (memo) *memo = {changes, reading};
+  }
+  if (!reading.peerKnown) return 0;
+  if (reading.version != 0) {
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
+               " negotiated service version for ", connection, " for service ", realService, " = ",
+               reading.version);
+    return reading.version;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
+             " no version negotiated for ", connection, " for service ", realService);
+  return 0;
+}
+
+VersionReading MountsRegistrySm::versionInRecords(Vesk::Name const& realService,
+                                                  SystemId const& systemId) const {
   // Read through the records without holding them: a reference taken here would write
   // into records that are otherwise only read, and rarely in cache.
   Vesk::Owned<Peer> const* peer = peerTable_ ? peerTable_->peerMembers().find(systemId) : nullptr;
-  if (!peer) return 0;
-  Vesk::Name const realService = realServiceOf(service);
+  if (!peer) return {};
   // A version counts only once its negotiation has completed and found it compatible.
   ServiceStatusDir const* dir = (*peer)->serviceStatusDir().ptr();
   Vesk::Owned<ServiceStatusV1> const* status =
       dir ? dir->serviceMembers().find(realService) : nullptr;
   ServiceVersionStatusV1 const* version =
       status && (*status)->enabled() ? (*status)->versionStatus().ptr() : nullptr;
-  if (version && version->versionNegotiationComplete() && version->versionCompatible() &&
-      version->negotiatedVersion() != 0) {
-    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
-               " negotiated service version for ", connection, " for service ", realService, " = ",
-               version->negotiatedVersion());
-    return version->negotiatedVersion();
-  }
-  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::negotiatedServiceVersionForConnection",
-             " no version negotiated for ", connection, " for service ", realService);
-  return 0;
+  bool const negotiated =
+      version && version->versionNegotiationComplete() && version->versionCompatible();
+  return {true, negotiated ? version->negotiatedVersion() : 0};
 }
 
 void MountsRegistrySm::handleInitialized() {

@@ -14,6 +14,7 @@
 #include "framework/Machine.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"
+#include "registry/VersionMemo.h"
 
 namespace Controller {
 
@@ -67,9 +68,11 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   void handleServiceSwitchConnection(SystemId const& systemId, Vesk::String const& service);
   uint32_t negotiatedServiceVersionForConnection(Vesk::String const& service,
                                                  Vesk::String const& connection) const;
-  // The same for a system whose identity the caller holds: no connection name to parse.
-  uint32_t negotiatedServiceVersionForSystem(Vesk::String const& service,
-                                             SystemId const& systemId) const;
+  // The same for a system whose identity the caller holds: no connection name to parse. With
+  // a memo, a reading the memo holds from an unchanged count is used instead of the records,
+  // and a fresh one is kept in it; the traces are the same either way.
+  uint32_t negotiatedServiceVersionForSystem(Vesk::String const& service, SystemId const& systemId,
+                                             VersionMemo* memo = nullptr) const;
   // The entries that have a mounter counting for a (real) service, kept by the entry
   // machines as their mounters come and go, so that a version report on one connection
   // visits only the entries it concerns.
@@ -78,6 +81,7 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   size_t entriesOfService(Vesk::String const& service) const;
   // The real service a mounter's service counts for: itself, or the service it proxies.
   Vesk::Name realServiceOf(Vesk::String const& service) const;
+  VersionReading versionInRecords(Vesk::Name const& realService, SystemId const& systemId) const;
   // The summary state of every mount group status the entry machines write.
   MountGroupSummaries& mountGroupSummaries() { return mountGroupSummaries_; }
   void handleInitialized();

@@ -87,6 +87,11 @@ class MountsRegistryEntrySm::MountStateReactor
       Vesk::prefetch(records_[i].mount.ptr());
     }
   }
+  // The mounter's kept negotiated version on this mount's system, if it has records here.
+  VersionMemo* versionMemo(Mounter const& mounter) {
+    StatusRecords* held = heldStatusRecords(mounter);
+    return held ? &held->version : nullptr;
+  }
   StatusRecords& statusRecords(Mounter const& mounter) {
     if (StatusRecords* held = heldStatusRecords(mounter)) return *held;
     StatusRecords* added;
@@ -271,9 +276,10 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   Vesk::Ptr<PeerTable const> peers = peerTable();
   Vesk::Ptr<Peer> peer = peers ? peers->peer(systemId) : nullptr;
   if (peer) {
-    updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr());
+    Vesk::Ptr<MountStateReactor> const mount = mountSmDataSm_(systemId);
+    updateSystemStatus(systemId, mount.ptr());
     if (!peer->connectionConfig()) return;
-    if (canMountFromSystem(systemId)) {
+    if (canMountFromSystem(systemId, mount.ptr())) {
       doConnectSwitch(systemId);
     } else {
       VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
@@ -322,12 +328,17 @@ bool MountsRegistryEntrySm::canMountFromConnection(Vesk::String const& connectio
 }
 
 bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId) {
+  return canMountFromSystem(systemId, nullptr);
+}
+
+bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId, MountStateReactor* mount) {
   Vesk::String const& connection = systemId.stringValue();
   bool negotiated = false;
   if (!cleaningUp_) {
     for (auto const& [key, m] : registryEntry_->mounterMembers()) {
-      if (mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(*m.ptr()), systemId) !=
-          0) {
+      VersionMemo* memo = mount ? mount->versionMemo(*m.ptr()) : nullptr;
+      if (mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(*m.ptr()), systemId,
+                                                               memo) != 0) {
         negotiated = true;
         break;
       }

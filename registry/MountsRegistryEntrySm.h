@@ -131,6 +131,9 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   };
 
   Vesk::Ptr<PeerTable const> peerTable() const;
+  // canMountFromSystem for a system whose mount (or null) the caller holds: the mount's
+  // status records keep the mounters' negotiated versions between decisions.
+  bool canMountFromSystem(SystemId const& systemId, MountStateReactor* mount);
   // updateSystemStatus for a system whose mount (or null) the caller has found.
   void updateSystemStatus(SystemId const& systemId, MountStateReactor* mount);
   bool hasMounterCountingFor(Vesk::String const& service) const;

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <queue>
 #include <random>
 #include <string>
 #include <thread>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "framework/HashMap.h"
+#include "framework/ManualClock.h"
 #include "framework/Ptr.h"
 #include "framework/PtrInterface.h"
 #include "framework/String.h"
@@ -252,6 +254,101 @@ void NotifyDispatch(benchmark::State& state) {
   if (notifiees.front()->calls != long(value)) state.SkipWithError("a notification was lost");
 }
 BENCHMARK(NotifyDispatch)->Arg(1)->Arg(8)->Arg(64)->ArgName("notifiees")->UseManualTime();
+
+// ---------------------------------------------------------------------------------------
+// Timer churn: N armed timers, each re-arming itself 0.05 to 0.5 s ahead when it fires, as
+// machines waiting on their mounts do. A round fires 100,000 timers through a manual clock,
+// against a std::priority_queue of (time, arming number, timer) popped and pushed with the
+// same times: a queue that cannot disarm or move a timer, so it keeps no slots. Each timer
+// sits in a record of its own 1 KB apart, as a machine's timer lies among its machine's
+// objects, so at 160,000 timers the queue's lower levels and the timers are out of cache.
+
+constexpr int kFires = 100000;
+constexpr size_t kRecordBytes = 1024;
+
+struct Latencies {
+  std::vector<double> values;
+  Latencies() {
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> latency(0.05, 0.5);
+    for (int i = 0; i < (1 << 16); ++i) values.push_back(latency(rng));
+  }
+  double next(size_t& at) const { return values[at++ & (values.size() - 1)]; }
+};
+Latencies const& latencies() {
+  static Latencies const l;
+  return l;
+}
+
+class ChurnTimer : public Vesk::Clock::Notifiee {
+ public:
+  void onTime() override { timeMinIs(notifierRaw()->currentTime() + latencies().next(*at)); }
+  size_t* at = nullptr;
+};
+
+struct BaseEntry {
+  double time;
+  uint64_t seq;
+  struct BaseTimer* timer;
+  bool operator>(BaseEntry const& o) const {
+    return time > o.time || (time == o.time && seq > o.seq);
+  }
+};
+using BaseQueue = std::priority_queue<BaseEntry, std::vector<BaseEntry>, std::greater<>>;
+
+struct BaseTimer {
+  virtual ~BaseTimer() = default;
+  virtual void onTime(BaseQueue& q, double now, uint64_t& seq) {
+    q.push({now + latencies().next(*at), seq++, this});
+  }
+  size_t* at = nullptr;
+};
+
+template <class T>
+struct alignas(64) Record {
+  T timer;
+  char payload[kRecordBytes - sizeof(T)];
+};
+
+void TimerChurn(benchmark::State& state) {
+  size_t const n = size_t(state.range(0));
+  auto clock = Vesk::Ptr<Vesk::ManualClock>(new Vesk::ManualClock);
+  auto veskRecords = std::make_unique<Record<ChurnTimer>[]>(n);
+  auto baseRecords = std::make_unique<Record<BaseTimer>[]>(n);
+  size_t veskAt = 0;
+  size_t baseAt = 0;
+  BaseQueue queue;
+  uint64_t seq = 0;
+  double baseNow = 0;
+  for (size_t i = 0; i < n; ++i) {
+    ChurnTimer& t = veskRecords[i].timer;
+    t.at = &veskAt;
+    t.notifierIs(clock);
+    t.timeMinIs(latencies().next(veskAt));
+    BaseTimer& b = baseRecords[i].timer;
+    b.at = &baseAt;
+    queue.push({latencies().next(baseAt), seq++, &b});
+  }
+  paired(
+      state, kFires, "std::priority_queue pop and push",
+      [&] {
+        return elapsedNs([&] {
+          for (int fired = 0; fired < kFires;) fired += int(clock->advanceTo(clock->nextWakeup()));
+        });
+      },
+      [&] {
+        return elapsedNs([&] {
+          for (int fired = 0; fired < kFires; ++fired) {
+            BaseEntry const e = queue.top();
+            queue.pop();
+            baseNow = e.time;
+            e.timer->onTime(queue, baseNow, seq);
+          }
+        });
+      });
+  for (size_t i = 0; i < n; ++i) veskRecords[i].timer.timeMinIs(Vesk::Clock::never);
+}
+BENCHMARK(TimerChurn)->Arg(1000)->Arg(160000)->ArgName("timers")->UseManualTime();
 
 // ---------------------------------------------------------------------------------------
 // Copying a pointer and destroying the copy, against std::shared_ptr.

@@ -2,14 +2,45 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <new>
 
 #include "framework/Assert.h"
 #include "framework/Exception.h"
+#include "framework/Prefetch.h"
 
 namespace Vesk {
 
+namespace {
+constexpr size_t kLineBytes = 64;
+}  // namespace
+
 // Armed timers hold the clock, so a dying clock has none left.
-Clock::~Clock() { VESK_ASSERT(queue_.empty()); }
+Clock::~Clock() {
+  VESK_ASSERT(size_ == 0);
+  if (heap_) ::operator delete(heap_ - kLead, std::align_val_t(kLineBytes));
+}
+
+bool Clock::before(Entry const& a, Entry const& b) {
+  return a.time < b.time || (a.time == b.time && a.timer->armedSeq_ < b.timer->armedSeq_);
+}
+
+void Clock::heapGrow() {
+  size_t const capacity = capacity_ ? 2 * capacity_ : kLineBytes / sizeof(Entry);
+  size_t const bytes = (kLead + capacity) * sizeof(Entry);
+  auto* block = static_cast<Entry*>(::operator new(bytes, std::align_val_t(kLineBytes)));
+  if (heap_) {
+    std::memcpy(block + kLead, heap_, size_ * sizeof(Entry));
+    ::operator delete(heap_ - kLead, std::align_val_t(kLineBytes));
+  }
+  heap_ = block + kLead;
+  capacity_ = capacity;
+}
+
+void Clock::entryAppend(Entry const& e) {
+  if (size_ == capacity_) heapGrow();
+  heap_[size_++] = e;
+}
 
 Clock::Turn::Turn(Clock* c) : clock_(c) {
   VESK_ASSERT_MSG(!c->turning_, "a clock's turn started from inside one of its own timers");
@@ -17,25 +48,27 @@ Clock::Turn::Turn(Clock* c) : clock_(c) {
 }
 
 Clock::Notifiee* Clock::dueTimerTake(Seconds limit, Seconds& due) {
-  if (queue_.empty() || queue_.front().time > limit) return nullptr;
-  Notifiee* n = queue_.front().timer;
+  if (size_ == 0 || heap_[0].time > limit) return nullptr;
+  Notifiee* n = heap_[0].timer;
   due = n->timeMin_;
   timerDisarm(n);
   return n;
 }
 
 void Clock::timerArm(Notifiee* n, Seconds t) {
+  Seconds const old = n->timeMin_;
   n->timeMin_ = t;
-  Entry e{t, nextSeq_++, n};
+  n->armedSeq_ = nextSeq_++;
+  Entry const e{t, n};
   if (n->slot_ == kNoSlot) {
-    queue_.push_back(e);
-    siftUp(queue_.size() - 1, e);
+    entryAppend(e);
+    siftUp(size_ - 1, e);
     return;
   }
-  // A later arming sequence can only move the entry down among its ties; an earlier time
+  // A later arming number can only move the entry down among its ties; an earlier time
   // moves it up.
   size_t i = n->slot_;
-  if (e < queue_[i]) {
+  if (t < old) {
     siftUp(i, e);
   } else {
     siftDown(i, e);
@@ -47,12 +80,11 @@ void Clock::timerDisarm(Notifiee* n) {
   size_t i = n->slot_;
   if (i == kNoSlot) return;
   n->slot_ = kNoSlot;
-  Entry last = queue_.back();
-  queue_.pop_back();
-  if (i == queue_.size()) return;
+  Entry const last = heap_[--size_];
+  if (i == size_) return;
   if (i == 0) {
     refillRoot(last);
-  } else if (last < queue_[parentOf(i)]) {
+  } else if (before(last, heap_[parentOf(i)])) {
     siftUp(i, last);
   } else {
     siftDown(i, last);
@@ -60,15 +92,15 @@ void Clock::timerDisarm(Notifiee* n) {
 }
 
 void Clock::entryPlace(size_t i, Entry const& e) {
-  queue_[i] = e;
+  heap_[i] = e;
   e.timer->slot_ = i;
 }
 
 void Clock::siftUp(size_t i, Entry e) {
   while (i > 0) {
     size_t parent = parentOf(i);
-    if (!(e < queue_[parent])) break;
-    entryPlace(i, queue_[parent]);
+    if (!before(e, heap_[parent])) break;
+    entryPlace(i, heap_[parent]);
     i = parent;
   }
   entryPlace(i, e);
@@ -76,28 +108,28 @@ void Clock::siftUp(size_t i, Entry e) {
 
 // The least of the children of the node at i (whose first child is `first` < n).
 size_t Clock::leastChild(size_t first, size_t n) const {
-  Entry const* const q = queue_.data();
+  Entry const* const q = heap_;
   if (first + kArity <= n) {
     // All four: two pairs, then their winners.
-    size_t const a = q[first + 1] < q[first] ? first + 1 : first;
-    size_t const b = q[first + 3] < q[first + 2] ? first + 3 : first + 2;
-    return q[b] < q[a] ? b : a;
+    size_t const a = before(q[first + 1], q[first]) ? first + 1 : first;
+    size_t const b = before(q[first + 3], q[first + 2]) ? first + 3 : first + 2;
+    return before(q[b], q[a]) ? b : a;
   }
   size_t least = first;
   for (size_t c = first + 1; c < n; ++c) {
-    if (q[c] < q[least]) least = c;
+    if (before(q[c], q[least])) least = c;
   }
   return least;
 }
 
 void Clock::siftDown(size_t i, Entry e) {
-  size_t const n = queue_.size();
+  size_t const n = size_;
   for (;;) {
     size_t const first = kArity * i + 1;
     if (first >= n) break;
     size_t const least = leastChild(first, n);
-    if (!(queue_[least] < e)) break;
-    entryPlace(i, queue_[least]);
+    if (!before(heap_[least], e)) break;
+    entryPlace(i, heap_[least]);
     i = least;
   }
   entryPlace(i, e);
@@ -108,11 +140,17 @@ void Clock::siftDown(size_t i, Entry e) {
 // entry nearly always belongs near the bottom, so this saves comparing it on every level
 // on the way down.
 void Clock::refillRoot(Entry e) {
-  size_t const n = queue_.size();
+  size_t const n = size_;
   size_t i = 0;
   for (size_t first = 1; first < n; first = kArity * i + 1) {
+    // The next level's candidates: the four children of each of these four, four lines
+    // side by side. Loading them while this level is compared hides most of a cold miss.
+    size_t const grandchildren = kArity * first + 1;
+    if (grandchildren < n) {
+      for (size_t line = 0; line < kArity; ++line) prefetch(heap_ + grandchildren + kArity * line);
+    }
     size_t const least = leastChild(first, n);
-    entryPlace(i, queue_[least]);
+    entryPlace(i, heap_[least]);
     i = least;
   }
   siftUp(i, e);

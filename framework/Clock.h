@@ -31,7 +31,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <vector>
 
 #include "framework/Ptr.h"
 #include "framework/PtrInterface.h"
@@ -46,8 +45,8 @@ class Clock : public PtrInterface {
 
   virtual Seconds currentTime() const = 0;
   // The earliest armed timeMin, or never when no timer is armed.
-  Seconds nextWakeup() const { return queue_.empty() ? never : queue_.front().time; }
-  size_t armedCount() const { return queue_.size(); }
+  Seconds nextWakeup() const { return size_ == 0 ? never : heap_[0].time; }
+  size_t armedCount() const { return size_; }
 
  protected:
   Clock() = default;
@@ -71,21 +70,21 @@ class Clock : public PtrInterface {
   Notifiee* dueTimerTake(Seconds limit, Seconds& due);
 
  private:
+  // A heap entry: the armed time and the timer. Ties on time go to the earlier arming,
+  // whose number the timer holds; ties are rare, so the entry stays at 16 bytes and the
+  // four children of a node fill one cache line.
   struct Entry {
     Seconds time;
-    uint64_t seq;
     Notifiee* timer;
-    bool operator<(Entry const& o) const {
-      return time < o.time || (time == o.time && seq < o.seq);
-    }
   };
+  static bool before(Entry const& a, Entry const& b);
+
   static constexpr size_t kNoSlot = size_t(-1);
   // Four children a node: half the levels of a binary heap, and the children of a node lie
-  // side by side. Each level a sift passes writes the moved timer's slot, which at scale is
-  // a cache miss, so fewer levels is what counts.
+  // side by side in one cache line. Each level a sift passes writes the moved timer's
+  // slot, which at scale is a cache miss, so fewer levels is what counts.
   static constexpr size_t kArity = 4;
   static size_t parentOf(size_t i) { return (i - 1) / kArity; }
-
   void timerArm(Notifiee* n, Seconds t);
   void timerDisarm(Notifiee* n);
   void entryPlace(size_t i, Entry const& e);
@@ -93,10 +92,16 @@ class Clock : public PtrInterface {
   void siftDown(size_t i, Entry e);
   void refillRoot(Entry e);
   size_t leastChild(size_t first, size_t n) const;
+  void entryAppend(Entry const& e);
+  void heapGrow();
 
-  // A 4-ary min-heap on (time, seq); every timer knows its slot, so disarming or moving an
-  // armed timer costs O(log n).
-  std::vector<Entry> queue_;
+  // A 4-ary min-heap on (time, arming number); every timer knows its slot, so disarming or
+  // moving an armed timer costs O(log n). The heap starts kLead entries into a
+  // line-aligned block, so that every group of four children starts a cache line.
+  static constexpr size_t kLead = kArity - 1;
+  Entry* heap_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
   uint64_t nextSeq_ = 0;
   bool turning_ = false;
 };
@@ -126,6 +131,7 @@ class Clock::Notifiee {
   Ptr<Clock> clock_;
   Seconds timeMin_ = never;
   size_t slot_ = kNoSlot;
+  uint64_t armedSeq_ = 0;  // the clock's arming number of the current timeMin
 };
 
 using ClockNotifiee = Clock::Notifiee;

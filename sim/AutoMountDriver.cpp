@@ -25,11 +25,11 @@ class AutoMountDriver::Mount : public Clock::Notifiee, public Vesk::SmallObject 
   AutoMountDriver* const driver_;
   // Null once the machine is forgotten.
   MountSm* sm;
-  Step step = Step::connect;
   // Counts requests, so that a turn can tell that a reactor replaced the request it serves.
   uint64_t epoch = 0;
-  uint32_t failures = 0;
   Seconds deadline = Clock::never;
+  uint32_t failures = 0;
+  Step step = Step::connect;
 };
 
 AutoMountDriver::AutoMountDriver(uint64_t seed, AutoMountOptions const& options)

@@ -58,7 +58,7 @@ void BM_Snprintf(benchmark::State& state) {
 BENCHMARK(BM_Snprintf);
 
 void BM_FlitlogThreeArgs(benchmark::State& state) {
-  // A fresh anonymous ring: the loop wraps it many times, so the steady state (advancing the
+  // A fresh in-memory ring: the loop wraps it many times, so the steady state (advancing the
   // tail over old messages) is what gets measured.
   Vesk::Flitlog::fileIs(Vesk::String(), Vesk::Flitlog::defaultBytes);
   uint32_t count = 0;

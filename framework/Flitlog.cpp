@@ -1,15 +1,14 @@
 #include "framework/Flitlog.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "framework/Assert.h"
 #include "framework/Exception.h"
@@ -22,28 +21,29 @@ namespace {
   throw Exception(String(what) + " " + path + ": " + std::strerror(err));
 }
 
-void* mapFile(String const& path, size_t bytes) {
-  int fd = ::open(path.charPtr(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) throwSystemError("cannot open trace file", path, errno);
-  int err = 0;
-  if (::ftruncate(fd, 0) != 0 || ::ftruncate(fd, off_t(bytes)) != 0) err = errno;
-  // Reserve the blocks now: a full disk must fail here, not as a fault mid-message.
-  if (!err) err = ::posix_fallocate(fd, 0, off_t(bytes));
-  void* map = MAP_FAILED;
-  if (!err) {
-    map = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (map == MAP_FAILED) err = errno;
-  }
-  ::close(fd);
-  if (err) throwSystemError("cannot size and map trace file", path, err);
-  return map;
+// Zeroed memory for an image. calloc: a large block comes fresh from the system, already
+// zero, so pages the trace never reaches are neither written nor resident.
+std::byte* allocateImage(size_t bytes) {
+  void* image = std::calloc(bytes, 1);
+  if (!image)
+    throw Exception("cannot allocate " + std::to_string(bytes) + " bytes of trace memory");
+  return static_cast<std::byte*>(image);
 }
 
-void* mapAnonymous(size_t bytes) {
-  void* map = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
-                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (map == MAP_FAILED) throwSystemError("cannot map", "anonymous trace memory", errno);
-  return map;
+// Creates or truncates the file at `path` and writes `image` to it whole, which also
+// reserves its blocks: a full disk fails here, not at a later flush.
+std::FILE* createFile(String const& path, std::span<std::byte const> image) {
+  std::FILE* out = std::fopen(path.charPtr(), "wb");
+  if (!out) throwSystemError("cannot open trace file", path, errno);
+  // Unbuffered: a flush is one write of the image straight from memory, with no stdio
+  // buffer to allocate or to leave half written.
+  std::setvbuf(out, nullptr, _IONBF, 0);
+  if (std::fwrite(image.data(), 1, image.size(), out) != image.size() || std::fflush(out) != 0) {
+    int const err = errno;
+    std::fclose(out);
+    throwSystemError("cannot write trace file", path, err);
+  }
+  return out;
 }
 
 std::string_view baseName(char const* path) {
@@ -65,15 +65,15 @@ char* putBytes(char* p, std::string_view s) {
 
 }  // namespace
 
-Flitlog::Flitlog(String path, void* map, size_t bytes)
+Flitlog::Flitlog(String path, size_t bytes)
     : path_(std::move(path)),
-      map_(map),
-      mapBytes_(bytes),
-      header_(static_cast<flit::Header*>(map)) {
+      image_(allocateImage(bytes)),
+      imageBytes_(bytes),
+      header_(reinterpret_cast<flit::Header*>(image_)) {
   uint64_t const descBytes = ((bytes - flit::headerAreaBytes) / 4) & ~uint64_t(7);
   uint64_t const ringOffset = flit::headerAreaBytes + descBytes;
   ringBytes_ = (bytes - ringOffset) & ~uint64_t(7);
-  ring_ = static_cast<char*>(map) + ringOffset;
+  ring_ = reinterpret_cast<char*>(image_) + ringOffset;
   maxPayload_ = ringBytes_ / 4 - sizeof(flit::MsgHeader);
 
   flit::Header h{};
@@ -84,28 +84,68 @@ Flitlog::Flitlog(String path, void* map, size_t bytes)
   h.descBytes = descBytes;
   h.ringOffset = ringOffset;
   h.ringBytes = ringBytes_;
-  h.pid = uint32_t(::getpid());
+  // The standard library offers no process id; readers take 0 as unknown.
+  h.pid = 0;
   std::memcpy(header_, &h, sizeof h);
   // The magic goes last: a file with it is fully laid out.
   std::memcpy(header_->magic, flit::magic, sizeof flit::magic);
 }
 
-Flitlog::~Flitlog() { ::munmap(map_, mapBytes_); }
+Flitlog::~Flitlog() {
+  if (out_) {
+    writeFile();
+    std::fclose(out_);
+  }
+  std::free(image_);
+}
 
 Flitlog* Flitlog::open(String const& path, size_t bytes) {
   bytes &= ~size_t(7);
   if (bytes < flit::minFileBytes) {
     throwRangeException("a flitlog trace file needs at least 16384 bytes");
   }
-  void* map = path.empty() ? mapAnonymous(bytes) : mapFile(path, bytes);
-  return new Flitlog(path, map, bytes);
+  std::unique_ptr<Flitlog> log(new Flitlog(path, bytes));
+  if (!path.empty()) log->out_ = createFile(path, {log->image_, log->imageBytes_});
+  return log.release();
 }
 
 void Flitlog::fileIs(String const& path, size_t bytes) {
-  Flitlog* next = open(path, bytes);
-  delete current_;
-  current_ = next;
+  Flitlog* previous = std::exchange(current_, open(path, bytes));
   if (++generation_ == 0) generation_ = 2;
+  // Written out once no longer current, so that a flush() meanwhile cannot reach it.
+  delete previous;
+}
+
+namespace {
+
+// Writes the image when an assertion fails and at normal exit. Constructed while this
+// file's statics are initialised, so destroyed after every static object constructed later
+// (the function-local ones created while main runs among them): what their destructors
+// trace is written too.
+struct WriteAtExit {
+  WriteAtExit() noexcept { assertionHookIs(&Flitlog::flush); }
+  ~WriteAtExit() { Flitlog::flush(); }
+} writeAtExit;
+
+}  // namespace
+
+void Flitlog::flush() noexcept {
+  static std::atomic_flag busy;
+  if (!current_ || !current_->out_ || busy.test_and_set()) return;
+  current_->writeFile();
+  busy.clear();
+}
+
+void Flitlog::writeFile() noexcept {
+  if (std::fseek(out_, 0, SEEK_SET) == 0 &&
+      std::fwrite(image_, 1, imageBytes_, out_) == imageBytes_ && std::fflush(out_) == 0) {
+    return;
+  }
+  if (!writeFailed_) {
+    writeFailed_ = true;
+    std::fprintf(stderr, "cannot write trace file %s: %s\n", path_.charPtr(), std::strerror(errno));
+  }
+  std::clearerr(out_);
 }
 
 Flitlog& Flitlog::openFromEnvironment() {
@@ -126,7 +166,7 @@ Flitlog& Flitlog::openFromEnvironment() {
     fileIs(p, bytes);
   } catch (std::exception const& e) {
     // Tracing must not stop the process: fall back to memory nobody else can read.
-    std::fprintf(stderr, "%s; tracing to anonymous memory instead\n", e.what());
+    std::fprintf(stderr, "%s; tracing to memory only instead\n", e.what());
     fileIs(String(), defaultBytes);
   }
   return *current_;
@@ -136,7 +176,7 @@ String Flitlog::file() { return current().path_; }
 
 std::span<std::byte const> Flitlog::image() {
   Flitlog& log = current();
-  return {static_cast<std::byte const*>(log.map_), log.mapBytes_};
+  return {log.image_, log.imageBytes_};
 }
 
 void Flitlog::registerSite(FlitSite& site, std::string_view module, int level,
@@ -160,7 +200,7 @@ void Flitlog::registerDescriptor(FlitSite& site, std::string_view module, int le
     site.id = 0;
     return;
   }
-  char* const start = static_cast<char*>(map_) + h.descOffset + h.descFill;
+  char* const start = reinterpret_cast<char*>(image_) + h.descOffset + h.descFill;
   uint32_t const id = h.descriptors + 1;
   flit::DescHeader const d{uint32_t(bytes), id,         site.line,
                            uint8_t(level),  site.flags, uint16_t(format.size())};

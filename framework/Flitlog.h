@@ -1,5 +1,6 @@
-// Flitlog: the ring-buffer trace, kept in a memory-mapped file so that the last messages of
-// a process that died can still be read (tools/flitread).
+// Flitlog: the ring-buffer trace. Its image (header, descriptors, ring; FlitlogLayout.h)
+// lives in memory the Flitlog allocates, and is copied to the trace file, when there is one,
+// for tools/flitread to decode.
 //
 // Emission stores no text. Each trace call site owns a static FlitSite; the first time the
 // site fires against the current file it registers a descriptor (module, line, fixed text
@@ -11,18 +12,30 @@
 // VESK_TRACE (Trace.h) does all of this; nothing else needs to call it directly.
 //
 // The current file is chosen by fileIs(); otherwise, at first use, by the environment:
-//   VESK_FLITLOG_FILE   path of the trace file (absent or empty: an anonymous mapping that
-//                       no other process can read)
+//   VESK_FLITLOG_FILE   path of the trace file (absent or empty: the image stays in memory
+//                       and no other process can read it)
 //   VESK_FLITLOG_BYTES  its size in bytes (default Flitlog::defaultBytes)
 // Every file opened starts a new generation: call sites registered against an earlier file
 // register again before their next message.
 //
+// WHEN THE FILE IS WRITTEN. Emission only touches memory. The whole image goes to the file
+//   - when fileIs() creates it (still empty: this sizes the file, so a full disk fails there),
+//   - at flush(),
+//   - when fileIs() replaces it by another file,
+//   - when the process exits normally (returns from main or calls std::exit),
+//   - when a failed assertion (Assert.h) stops the process.
+// Nothing else is written: a process stopped by a signal or std::abort leaves the file as of
+// the last of these. A host that wants the last messages after a fatal signal installs its
+// own handler that calls Flitlog::flush(); the library installs none.
+//
 // THREADS. One writer at a time: startMsg/endMsg and registration must not run
-// concurrently, nor concurrently with fileIs(). The activity thread owns the trace.
+// concurrently, nor concurrently with fileIs() or flush(). The activity thread owns the
+// trace.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <span>
 #include <string>
@@ -54,16 +67,25 @@ class Flitlog {
 
   // Makes `path`, `bytes` long, the current trace file. An existing file is truncated and
   // started afresh. `bytes` is rounded down to a multiple of 8 and must be at least
-  // flit::minFileBytes (RangeException). An empty path maps anonymous memory. Throws
-  // Exception when the file cannot be created or mapped; the previous file then stays.
+  // flit::minFileBytes (RangeException). An empty path keeps the image in memory only.
+  // Throws Exception when the memory cannot be had or the file cannot be created and
+  // written whole; the previous file then stays. Otherwise the previous image is written to
+  // its file, which is then closed.
   static void fileIs(String const& path, size_t bytes = defaultBytes);
-  // The current file's path; empty for an anonymous mapping.
+  // The current file's path; empty when the image stays in memory.
   static String file();
   static uint32_t generation() noexcept { return generation_; }
   // The current file, opened from the environment at first use.
   static Flitlog& current() { return current_ ? *current_ : openFromEnvironment(); }
-  // The whole mapping of the current file, for decoding in the writing process.
+  // The whole image of the current file, for decoding in the writing process.
   static std::span<std::byte const> image();
+  // Writes the current image to its file, if it has one, over the previous copy. Best
+  // effort: the first failure per file is reported on stderr, the others are ignored. Never
+  // throws, allocates no memory and opens no trace file, so that a host's fatal-signal
+  // handler may call it as a last resort. It uses stdio, which is not async-signal-safe:
+  // from a handler it is a best effort, not a guarantee. A flush that interrupts another
+  // does nothing, and a message still being written is left out.
+  static void flush() noexcept;
 
   // Registers a descriptor for `site` with the current file and sets site.generation and
   // site.id. `pieces` holds format.size() + 1 fixed texts: the one before each argument and
@@ -100,7 +122,7 @@ class Flitlog {
   ~Flitlog();
 
  private:
-  Flitlog(String path, void* map, size_t bytes);
+  Flitlog(String path, size_t bytes);
   static Flitlog* open(String const& path, size_t bytes);
   static Flitlog& openFromEnvironment();
   // Advances the tail until `bytes` fit at the head with a slice of the ring to spare,
@@ -108,14 +130,17 @@ class Flitlog {
   void makeRoom(uint32_t bytes) noexcept;
   void registerDescriptor(FlitSite& site, std::string_view module, int level,
                           std::string_view format, std::span<std::string const> pieces);
+  void writeFile() noexcept;
 
   // Generation 1 has no file yet: its first registration opens one and moves on to 2.
   static inline uint32_t generation_ = 1;
   static inline Flitlog* current_ = nullptr;
 
   String path_;
-  void* map_;
-  size_t mapBytes_;
+  std::byte* image_;
+  size_t imageBytes_;
+  std::FILE* out_ = nullptr;  // the trace file, unbuffered; null when there is none
+  bool writeFailed_ = false;  // a failed write of out_ was reported
   flit::Header* header_;
   char* ring_;
   uint64_t ringBytes_;

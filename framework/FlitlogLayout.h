@@ -52,7 +52,7 @@ struct Header {
   uint64_t tail;
   uint32_t descriptors;      // descriptors registered; ids run from 1 to this
   uint32_t lostDescriptors;  // registrations refused because the descriptor area was full
-  uint32_t pid;
+  uint32_t pid;              // the writing process's id; 0: not recorded
   uint32_t reserved;
 };
 static_assert(sizeof(Header) <= headerAreaBytes);

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <limits>
 #include <optional>
 #include <span>
@@ -18,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "framework/Assert.h"
 #include "framework/Exception.h"
 #include "framework/FlitlogReader.h"
 
@@ -54,7 +56,7 @@ std::vector<std::string> textsOf(FlitDecoding const& d) {
   return out;
 }
 
-// Tests that switch trace files go back to a small anonymous mapping and remove their files.
+// Tests that switch trace files go back to a small in-memory image and remove their files.
 class TraceFileTest : public ::testing::Test {
  protected:
   // A temporary file, and unless told otherwise the smallest trace file there from now on.
@@ -298,13 +300,15 @@ TEST_F(TraceFileTest, CallSiteRegistersAgainWithEachNewFile) {
   EXPECT_EQ(Flitlog::file(), second);
   tracePeer(h, 2);
   tracePeer(h, 3);
+  Flitlog::flush();
 
+  // The first file was written out when the second replaced it.
   FlitDecoding a = readFlitlogFile(first);
   FlitDecoding b = readFlitlogFile(second);
   ASSERT_TRUE(a.ok()) << a.error;
   ASSERT_TRUE(b.ok()) << b.error;
   EXPECT_EQ(textsOf(a), (std::vector<std::string>{"peer 1"}));
-  EXPECT_EQ(textsOf(b), (std::vector<std::string>{"peer 2", "peer 3"}));
+  ASSERT_EQ(textsOf(b), (std::vector<std::string>{"peer 2", "peer 3"}));
   EXPECT_EQ(b.messages[0].module, "TraceTestSwitch");
   EXPECT_EQ(b.messages[0].lineText(),
             "TraceTestSwitch:" + std::to_string(b.messages[0].line) + " peer 2");
@@ -324,6 +328,7 @@ TEST_F(TraceFileTest, WrappedRingKeepsTheNewestMessagesInOrderAndIntact) {
     VESK_TRACE(h, 5, "msg ", i, " ", std::string(size_t(i % 41), char('a' + i % 26)), " ",
                int64_t(i) * 1000000007, " ", i % 3 - 1, " ", i + 0.25);
   }
+  Flitlog::flush();
   FlitDecoding d = readFlitlogFile(path);
   ASSERT_TRUE(d.ok()) << d.error;
   size_t const kept = d.messages.size();
@@ -335,7 +340,7 @@ TEST_F(TraceFileTest, WrappedRingKeepsTheNewestMessagesInOrderAndIntact) {
     ASSERT_EQ(d.messages[k].text, wrapText(first + int(k))) << "message " << k;
     ASSERT_EQ(d.messages[k].sequence, uint64_t(first) + k);
   }
-  // The reader sees the same through the live mapping.
+  // The reader sees the same in the live image.
   FlitDecoding live = decodeFlitlog(Flitlog::image());
   ASSERT_TRUE(live.ok()) << live.error;
   EXPECT_EQ(textsOf(live), textsOf(d));
@@ -347,6 +352,7 @@ TEST_F(TraceFileTest, OversizedTextIsShortenedToFitTheRing) {
   std::string const big(100000, 'y');
   VESK_TRACE(h, 5, "big:", big, " n:", 42, " tail:", std::string_view("zz"));
   VESK_TRACE(h, 5, "after");
+  Flitlog::flush();
   FlitDecoding d = readFlitlogFile(path);
   ASSERT_TRUE(d.ok()) << d.error;
   ASSERT_EQ(d.messages.size(), 2u);
@@ -372,6 +378,7 @@ TEST_F(TraceFileTest, FullDescriptorAreaDropsOnlyTheLateSites) {
   int const sites = 200;
   allNumberedSites(h, std::make_integer_sequence<int, sites>());
   allNumberedSites(h, std::make_integer_sequence<int, sites>());
+  Flitlog::flush();
   FlitDecoding d = readFlitlogFile(path);
   ASSERT_TRUE(d.ok()) << d.error;
   ASSERT_GT(d.lostDescriptors, 0u);
@@ -382,16 +389,44 @@ TEST_F(TraceFileTest, FullDescriptorAreaDropsOnlyTheLateSites) {
   }
 }
 
-TEST_F(TraceFileTest, MessagesSurviveTheProcessDying) {
+// The file holds the image as of fileIs() until a flush writes it over; a failed fileIs()
+// leaves both the image and the file in use.
+TEST_F(TraceFileTest, FileHoldsTheImageOfTheLastFlush) {
+  TraceHandle h("TraceTestFlush", true);
+  std::string const path = file("flush.flit");
+  auto fileBytes = [&] {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<char>(std::istreambuf_iterator<char>(in), {});
+  };
+  tracePeer(h, 1);
+  EXPECT_EQ(fileBytes().size(), flit::minFileBytes);
+  FlitDecoding d = readFlitlogFile(path);
+  ASSERT_TRUE(d.ok()) << d.error;
+  EXPECT_TRUE(d.messages.empty());
+
+  Flitlog::flush();
+  std::vector<char> const flushed = fileBytes();
+  std::span<std::byte const> const image = Flitlog::image();
+  ASSERT_EQ(flushed.size(), image.size());
+  EXPECT_EQ(std::memcmp(flushed.data(), image.data(), image.size()), 0);
+
+  EXPECT_THROW(Flitlog::fileIs("/nonexistent-dir/x.flit", flit::minFileBytes), Exception);
+  EXPECT_EQ(Flitlog::file(), path);
+  tracePeer(h, 2);
+  Flitlog::flush();
+  EXPECT_EQ(textsOf(readFlitlogFile(path)), (std::vector<std::string>{"peer 1", "peer 2"}));
+}
+
+TEST_F(TraceFileTest, MessagesSurviveAFailedAssertion) {
   std::string const path = file("crash.flit", /*traceTo=*/false);
   EXPECT_DEATH(
       {
         TraceHandle h("TraceTestCrash", true);
         Flitlog::fileIs(path, flit::minFileBytes);
         for (int i = 0; i < 500; ++i) VESK_TRACE(h, 5, "before the crash ", i);
-        std::abort();
+        VESK_ASSERT_MSG(h.level() < 0, "stopped after tracing");
       },
-      "");
+      "stopped after tracing");
   FlitDecoding d = readFlitlogFile(path);
   ASSERT_TRUE(d.ok()) << d.error;
   ASSERT_FALSE(d.messages.empty());

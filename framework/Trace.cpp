@@ -1,8 +1,5 @@
 #include "framework/Trace.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -128,7 +125,7 @@ namespace {
 
 struct TextTraceState {
   bool initialized = false;
-  int fd = STDERR_FILENO;
+  std::FILE* out = stderr;
   String path;
 };
 
@@ -138,13 +135,16 @@ TextTraceState& textTrace() {
   return state;
 }
 
-int openTextFile(String const& path) {
-  return ::open(path.charPtr(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+// Appending and unbuffered, like stderr: each line goes out in one write as it is traced.
+std::FILE* openTextFile(String const& path) {
+  std::FILE* out = std::fopen(path.charPtr(), "a");
+  if (out) std::setvbuf(out, nullptr, _IONBF, 0);
+  return out;
 }
 
-void setTextDestination(TextTraceState& s, int fd, String const& path) {
-  if (s.fd != STDERR_FILENO) ::close(s.fd);
-  s.fd = fd;
+void setTextDestination(TextTraceState& s, std::FILE* out, String const& path) {
+  if (s.out != stderr) std::fclose(s.out);
+  s.out = out;
   s.path = path;
   s.initialized = true;
 }
@@ -155,9 +155,8 @@ TextTraceState& initializedTextTrace() {
   s.initialized = true;
   char const* path = std::getenv("VESK_TRACE_TEXT");
   if (path && *path) {
-    int fd = openTextFile(path);
-    if (fd >= 0) {
-      setTextDestination(s, fd, path);
+    if (std::FILE* out = openTextFile(path)) {
+      setTextDestination(s, out, path);
     } else {
       std::fprintf(stderr, "VESK_TRACE_TEXT: cannot open %s: %s; tracing to stderr\n", path,
                    std::strerror(errno));
@@ -171,12 +170,12 @@ TextTraceState& initializedTextTrace() {
 void TraceText::fileIs(String const& path) {
   TextTraceState& s = textTrace();
   if (path.empty()) {
-    setTextDestination(s, STDERR_FILENO, path);
+    setTextDestination(s, stderr, path);
     return;
   }
-  int fd = openTextFile(path);
-  if (fd < 0) throw Exception("cannot open text trace file " + path + ": " + std::strerror(errno));
-  setTextDestination(s, fd, path);
+  std::FILE* out = openTextFile(path);
+  if (!out) throw Exception("cannot open text trace file " + path + ": " + std::strerror(errno));
+  setTextDestination(s, out, path);
 }
 
 String TraceText::file() { return initializedTextTrace().path; }
@@ -192,13 +191,8 @@ void TraceText::lineIs(char const* file, uint32_t line, std::string_view module,
   out.append(base).push_back(':');
   detail::appendNumber(out, uint64_t(line));
   out.append(" ").append(module).append(" ").append(text).push_back('\n');
-  int const fd = initializedTextTrace().fd;
-  for (char const* p = out.data(); p != out.data() + out.size();) {
-    ssize_t n = ::write(fd, p, size_t(out.data() + out.size() - p));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;  // nowhere to report a failing trace destination
-    p += n;
-  }
+  // A failing destination is ignored: there is nowhere to report it.
+  std::fwrite(out.data(), 1, out.size(), initializedTextTrace().out);
 }
 
 // ---- capture

@@ -4,6 +4,7 @@
 // printing each status change with its virtual time and, at the end, the status tree per
 // service, switch, group and path, checked against the reference evaluator.
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -31,6 +32,21 @@ int usage(char const* problem) {
   if (problem) std::fprintf(stderr, "mountsim: %s\n", problem);
   std::fputs(kUsage, problem ? stderr : stdout);
   return problem ? 2 : 0;
+}
+
+// The trace library writes its file only at exit, at a failed assertion and when asked:
+// on a fatal or stopping signal, write the last messages out, then die of the signal as
+// the default action would.
+extern "C" void onFatalSignal(int sig) {
+  Vesk::Flitlog::flush();
+  std::signal(sig, SIG_DFL);
+  std::raise(sig);
+}
+
+void flushTraceOnFatalSignals() {
+  for (int sig : {SIGSEGV, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGINT}) {
+    std::signal(sig, onFatalSignal);
+  }
 }
 
 template <class T>
@@ -76,6 +92,7 @@ int main(int argc, char** argv) {
     }
     if (!ok) return usage(("bad value for " + std::string(arg) + ": " + std::string(value)).c_str());
   }
+  flushTraceOnFatalSignals();
   if (!traceFile.empty()) Vesk::Flitlog::fileIs(Vesk::String(traceFile));
   if (traceLevel >= 0) {
     for (Vesk::TraceHandle* h : Vesk::TraceHandle::handles()) h->levelIs(traceLevel);

@@ -20,130 +20,48 @@ std::vector<K> keysInOrder(HashMap<K, int> const& m) {
   return out;
 }
 
-std::vector<Name> tenThousandNames() {
+// The order is a function of the key set alone: not of the insertion order, not of the
+// table's size; equal hashes are ordered by key.
+TEST(HashMapOrder, IterationOrderDependsOnTheKeySetAlone) {
   std::vector<Name> keys;
   for (int i = 0; i < 10000; ++i) keys.push_back(Name("switch-" + std::to_string(i)));
-  return keys;
-}
-
-TEST(HashMapOrder, SameKeySetIteratesIdenticallyWhateverTheInsertionOrder) {
-  std::vector<Name> keys = tenThousandNames();
   std::vector<std::vector<Name>> orders{keys, keys, keys};
   std::reverse(orders[1].begin(), orders[1].end());
   std::shuffle(orders[2].begin(), orders[2].end(), std::mt19937(7));
-
-  std::vector<std::vector<Name>> fullSequences;
+  std::vector<std::vector<Name>> sequences;
   for (auto const& order : orders) {
     HashMap<Name, int> m;
-    // The first 1,000 keys of each order, then all of them: the table grows in between.
-    for (size_t i = 0; i < 1000; ++i) m.emplace(order[i], 0);
-    for (size_t i = 1000; i < order.size(); ++i) m.emplace(order[i], 0);
-    fullSequences.push_back(keysInOrder(m));
+    for (Name const& k : order) m.emplace(k, 0);  // the table grows many times
     EXPECT_EQ(m.size(), keys.size());
+    sequences.push_back(keysInOrder(m));
   }
-  EXPECT_EQ(fullSequences[0], fullSequences[1]);
-  EXPECT_EQ(fullSequences[0], fullSequences[2]);
-}
+  EXPECT_EQ(sequences[0], sequences[1]);
+  EXPECT_EQ(sequences[0], sequences[2]);
 
-TEST(HashMapOrder, GrowthKeepsTheRelativeOrderOfExistingMembers) {
-  std::vector<Name> keys = tenThousandNames();
-  HashMap<Name, int> m;
-  for (size_t i = 0; i < 100; ++i) m.emplace(keys[i], 0);
-  std::vector<Name> before = keysInOrder(m);
-  for (size_t i = 100; i < keys.size(); ++i) m.emplace(keys[i], 0);
+  // Growth keeps the relative order of the members already there.
+  HashMap<Name, int> small;
+  for (size_t i = 0; i < 100; ++i) small.emplace(keys[i], 0);
+  std::vector<Name> const before = keysInOrder(small);
   std::vector<Name> after;
-  for (Name const& k : keysInOrder(m)) {
-    if (std::find(before.begin(), before.end(), k) != before.end()) after.push_back(k);
+  for (Name const& k : sequences[0]) {
+    if (small.find(k)) after.push_back(k);
   }
   EXPECT_EQ(before, after);
-}
 
-TEST(HashMapOrder, EqualHashesAreOrderedByKey) {
   struct Collide {
     int v;
     uint64_t hash() const { return 42; }
     bool operator==(Collide const& o) const { return v == o.v; }
     bool operator<(Collide const& o) const { return v < o.v; }
   };
-  HashMap<Collide, int> m;
-  for (int v : {5, 1, 4, 2, 3}) m.emplace(Collide{v}, v);
+  HashMap<Collide, int> collide;
+  for (int v : {5, 1, 4, 2, 3}) collide.emplace(Collide{v}, v);
   std::vector<int> seen;
-  for (auto& [k, v] : m) seen.push_back(k.v);
+  for (auto& [k, v] : collide) seen.push_back(k.v);
   EXPECT_EQ(seen, (std::vector<int>{1, 2, 3, 4, 5}));
 }
 
-TEST(HashMapMembers, EmplaceReturnsTheExistingMemberAndEraseReportsPresence) {
-  HashMap<unsigned, int> m;
-  auto [v, isNew] = m.emplace(7u, 1);
-  EXPECT_TRUE(isNew);
-  auto [again, isNewAgain] = m.emplace(7u, 2);
-  EXPECT_FALSE(isNewAgain);
-  EXPECT_EQ(v, again);
-  EXPECT_EQ(*m.find(7u), 1);
-  EXPECT_FALSE(m.erase(8u));
-  EXPECT_TRUE(m.erase(7u));
-  EXPECT_EQ(m.find(7u), nullptr);
-  EXPECT_TRUE(m.empty());
-}
-
-TEST(HashMapIteration, ErasingTheCurrentMemberContinuesWithTheNext) {
-  HashMap<unsigned, int> m;
-  for (unsigned i = 0; i < 100; ++i) m.emplace(i, int(i));
-  std::vector<unsigned> expected;
-  for (auto& [k, v] : m) expected.push_back(k);
-  std::vector<unsigned> seen;
-  for (auto& [k, v] : m) {
-    seen.push_back(k);
-    m.erase(k);
-  }
-  EXPECT_EQ(seen, expected);
-  EXPECT_TRUE(m.empty());
-  EXPECT_EQ(m.begin(), m.end());
-}
-
-TEST(HashMapIteration, ErasedLaterMembersAreSkippedAndInsertsMayGrowTheTable) {
-  HashMap<unsigned, int> m;
-  for (unsigned i = 0; i < 16; ++i) m.emplace(i, 0);
-  std::vector<unsigned> order;
-  for (auto& [k, v] : m) order.push_back(k);
-  unsigned victim = order[5];
-  size_t visited = 0;
-  for (auto& [k, v] : m) {
-    EXPECT_NE(k, victim);
-    if (visited++ == 0) {
-      m.erase(victim);
-      for (unsigned i = 1000; i < 1100; ++i) m.emplace(i, 0);  // forces growth
-    }
-  }
-  EXPECT_EQ(m.size(), 115u);
-}
-
-TEST(HashMapIteration, ClearDuringIterationEndsIt) {
-  HashMap<unsigned, int> m;
-  for (unsigned i = 0; i < 50; ++i) m.emplace(i, 0);
-  int visits = 0;
-  for (auto it = m.begin(); it != m.end(); ++it) {
-    ++visits;
-    m.clear();
-  }
-  EXPECT_EQ(visits, 1);
-  EXPECT_TRUE(m.empty());
-  m.emplace(3u, 3);
-  EXPECT_EQ(m.size(), 1u);
-}
-
-TEST(HashMapIteration, ReinsertingAnErasedPinnedKeyIsFound) {
-  HashMap<unsigned, int> m;
-  m.emplace(1u, 1);
-  auto it = m.begin();
-  m.erase(1u);
-  EXPECT_EQ(m.find(1u), nullptr);
-  m.emplace(1u, 2);
-  EXPECT_EQ(*m.find(1u), 2);
-  EXPECT_EQ(m.size(), 1u);
-}
-
-TEST(HashMapKeys, StringKeysAgreeWithAStandardMap) {
+TEST(HashMapMembers, EmplaceFindAndEraseAgreeWithAStandardMap) {
   HashMap<String, int> m;
   std::unordered_map<std::string, int> ref;
   std::mt19937 rng(3);
@@ -151,9 +69,13 @@ TEST(HashMapKeys, StringKeysAgreeWithAStandardMap) {
     std::string k = "k" + std::to_string(rng() % 2000);
     if (rng() % 3 == 0) {
       EXPECT_EQ(m.erase(String(k)), ref.erase(k) == 1);
+      EXPECT_EQ(m.find(String(k)), nullptr);
     } else {
-      m.emplace(String(k), i);
-      ref.emplace(k, i);
+      // An existing member is returned as it is, not overwritten.
+      auto [value, isNew] = m.emplace(String(k), i);
+      EXPECT_EQ(isNew, ref.emplace(k, i).second);
+      EXPECT_EQ(value, m.find(String(k)));
+      EXPECT_EQ(*value, ref.at(k));
     }
   }
   ASSERT_EQ(m.size(), ref.size());
@@ -161,6 +83,51 @@ TEST(HashMapKeys, StringKeysAgreeWithAStandardMap) {
     ASSERT_NE(m.find(String(k)), nullptr);
     EXPECT_EQ(*m.find(String(k)), v);
   }
+}
+
+// An iterator pins its member: erasing any member, the current one included, inserting
+// (which may grow the table) or clearing during a visit is safe.
+TEST(HashMapIteration, ErasingInsertingAndClearingDuringAVisit) {
+  HashMap<unsigned, int> m;
+  for (unsigned i = 0; i < 100; ++i) m.emplace(i, int(i));
+  std::vector<unsigned> const order = keysInOrder(m);
+  std::vector<unsigned> seen;
+  for (auto& [k, v] : m) {
+    seen.push_back(k);
+    m.erase(k);  // the visit goes on with the next member
+  }
+  EXPECT_EQ(seen, order);
+  EXPECT_TRUE(m.empty());
+  EXPECT_EQ(m.begin(), m.end());
+
+  for (unsigned i = 0; i < 16; ++i) m.emplace(i, 0);
+  unsigned const victim = keysInOrder(m)[5];
+  size_t visited = 0;
+  for (auto& [k, v] : m) {
+    EXPECT_NE(k, victim);  // erased ahead of the visit: skipped
+    if (visited++ == 0) {
+      m.erase(victim);
+      for (unsigned i = 1000; i < 1100; ++i) m.emplace(i, 0);
+    }
+  }
+  EXPECT_EQ(m.size(), 115u);
+
+  int visits = 0;
+  for (auto it = m.begin(); it != m.end(); ++it) {
+    ++visits;
+    m.clear();
+  }
+  EXPECT_EQ(visits, 1);
+  EXPECT_TRUE(m.empty());
+
+  // A key erased while pinned and inserted again is found with its new value.
+  m.emplace(1u, 1);
+  auto pin = m.begin();
+  m.erase(1u);
+  EXPECT_EQ(m.find(1u), nullptr);
+  m.emplace(1u, 2);
+  EXPECT_EQ(*m.find(1u), 2);
+  EXPECT_EQ(m.size(), 1u);
 }
 
 }  // namespace

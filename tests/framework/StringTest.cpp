@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -39,10 +38,7 @@ TEST(StringForms, EveryOriginHoldsItsBytesAndHashesAsTheText) {
       ASSERT_NE(s.charPtr(), nullptr);
       EXPECT_EQ(std::string(s.charPtr(), bytes.size() + 1), bytes + '\0');
       EXPECT_EQ(s.stdString(), bytes);
-      EXPECT_EQ(std::string(s.begin(), s.end()), bytes);
       EXPECT_EQ(s.hash(), String(bytes).hash());
-      EXPECT_EQ(StringHash()(s), std::hash<String>()(String(bytes)));
-      EXPECT_EQ(std::hash<Name>()(Name(s)), size_t(s.hash()));
       EXPECT_EQ(s.hash() == 0, bytes.empty());  // only the empty string hashes to 0 here
       EXPECT_EQ(s, String(bytes));
     }
@@ -77,9 +73,6 @@ TEST(StringForms, CopiesShareAndMovesEmptyTheSource) {
   assigned = std::move(alias);
   EXPECT_EQ(assigned, "shared");
   EXPECT_EQ(a, "shared");
-  Name n = a;
-  String back = n;
-  EXPECT_EQ(back, "shared");
 }
 
 TEST(StringCompare, EqualityIsByTextAndLessIsATotalOrderConsistentWithIt) {
@@ -104,7 +97,6 @@ TEST(StringCompare, EqualityIsByTextAndLessIsATotalOrderConsistentWithIt) {
   EXPECT_TRUE(String("z") < String("\xff"));
   EXPECT_TRUE(String("a") < String("ab"));
   EXPECT_TRUE(String("B") < String("a"));
-  EXPECT_TRUE(Name("a") < String("b"));
 }
 
 TEST(StringSearch, SubstrPosLastPosAndEndsWith) {
@@ -158,8 +150,7 @@ TEST(EnumText, NamesAndNumbersConvertBothWays) {
     EXPECT_EQ(v, value);
   }
   uint32_t v = 99;
-  EXPECT_TRUE(kLinkState.sequenceToValue("0", "0" + 1, v));
-  EXPECT_EQ(v, 0u);
+  EXPECT_TRUE(kLinkState.sequenceToValue("0", "0" + 1, v) && v == 0u);
   char const text[] = "upstream";  // only [begin, end) is read
   EXPECT_TRUE(kLinkState.sequenceToValue(text, text + 2, v));
   EXPECT_EQ(v, 1u);

@@ -48,21 +48,15 @@ static_assert(!std::is_convertible_v<Ptr<Other>, Ptr<Counter>>);
 TEST(PtrCount, CopyMoveAndConversionEachMoveTheCountExactly) {
   Ptr<Counter> a = Counter::counterNew("a");
   EXPECT_EQ(a->references(), 1u);
-
   Ptr<Counter> copy = a;
-  EXPECT_EQ(a->references(), 2u);
-  Ptr<Counter> moved = std::move(copy);
-  EXPECT_EQ(copy, nullptr);
-  EXPECT_EQ(a->references(), 2u);
-
   Ptr<Entity> base = a;
-  EXPECT_EQ(a->references(), 3u);
-  Ptr<Entity> movedBase = std::move(moved);
-  EXPECT_EQ(moved, nullptr);
-  EXPECT_EQ(a->references(), 3u);
-
   Ptr<Counter const> view = a;
   Ptr<Entity const> constBase = view;
+  EXPECT_EQ(a->references(), 5u);
+  Ptr<Counter> moved = std::move(copy);
+  Ptr<Entity> movedBase = std::move(moved);  // a converting move
+  EXPECT_EQ(copy, nullptr);
+  EXPECT_EQ(moved, nullptr);
   EXPECT_EQ(a->references(), 5u);
 
   Ptr<Counter> assigned;
@@ -71,64 +65,43 @@ TEST(PtrCount, CopyMoveAndConversionEachMoveTheCountExactly) {
   Ptr<Entity> assignedBase;
   assignedBase = std::move(assigned);
   EXPECT_EQ(assigned, nullptr);
-  EXPECT_EQ(a->references(), 6u);
   assignedBase = a;  // replaces a reference to the same object
   EXPECT_EQ(a->references(), 6u);
-  assignedBase = nullptr;
-  base = nullptr;
-  movedBase = nullptr;
+  for (Ptr<Entity>* p : {&assignedBase, &base, &movedBase}) *p = nullptr;
   view = nullptr;
   constBase = nullptr;
   EXPECT_EQ(a->references(), 1u);
 }
 
-TEST(PtrCount, AssigningAPointerToItselfKeepsTheObject) {
-  long const before = liveObjects<Counter>();
+// Self-assignment in every form keeps the object; a raw pointer may be wrapped again at any
+// time; release() hands over the reference; the last one deletes through the framework's
+// allocator.
+TEST(PtrCount, SelfAssignmentRewrappingReleaseAndTheLastReference) {
+  long const objects = liveObjects<Counter>();
+  long const allocations = veskLiveAllocations();
   Ptr<Counter> a = Counter::counterNew("a");
+  EXPECT_EQ(veskLiveAllocations(), allocations + 1);
   Ptr<Counter>& alias = a;
   a = alias;
-  EXPECT_EQ(a->references(), 1u);
   a = std::move(alias);
+  a = a.ptr();
   ASSERT_NE(a, nullptr);
   EXPECT_EQ(a->references(), 1u);
-  a = a.ptr();
-  EXPECT_EQ(a->references(), 1u);
   a->valueIs(1);  // still a live object
-  EXPECT_EQ(liveObjects<Counter>(), before + 1);
-}
-
-TEST(PtrCount, ARawPointerCanBeWrappedAgainAtAnyTime) {
-  Ptr<Counter> a = Counter::counterNew("a");
-  Counter* raw = a.ptr();
   {
-    Ptr<Counter> again(raw);
-    EXPECT_EQ(a->references(), 2u);
+    Ptr<Counter> again(a.ptr());
+    Ptr<Entity> base = a;
+    EXPECT_EQ(a->references(), 3u);
   }
   EXPECT_EQ(a->references(), 1u);
-}
 
-TEST(PtrCount, ReleaseGivesUpOwnershipWithoutDroppingTheReference) {
-  long const before = liveObjects<Counter>();
-  Ptr<Counter> a = Counter::counterNew("a");
   Counter* raw = a.release();
   EXPECT_EQ(a, nullptr);
   EXPECT_EQ(raw->references(), 1u);
-  EXPECT_EQ(liveObjects<Counter>(), before + 1);
-  raw->deleteRef();
-  EXPECT_EQ(liveObjects<Counter>(), before);
-}
-
-TEST(PtrCount, TheLastReferenceDeletesTheObjectThroughTheFrameworkAllocator) {
-  long const objects = liveObjects<Counter>();
-  long const allocations = veskLiveAllocations();
-  {
-    Ptr<Counter> a = Counter::counterNew("a");
-    Ptr<Entity> b = a;
-    EXPECT_EQ(liveObjects<Counter>(), objects + 1);
-    EXPECT_EQ(veskLiveAllocations(), allocations + 1);
-    a = nullptr;
-    EXPECT_EQ(liveObjects<Counter>(), objects + 1);
-  }
+  Ptr<Entity> last = raw;
+  raw->deleteRef();  // the released reference, handed back
+  EXPECT_EQ(liveObjects<Counter>(), objects + 1);
+  last = nullptr;
   EXPECT_EQ(liveObjects<Counter>(), objects);
   EXPECT_EQ(veskLiveAllocations(), allocations);
 }
@@ -166,50 +139,29 @@ TEST(PtrCount, CountsStayExactWhenTwoThreadsCopyOnePointer) {
 // ---------------------------------------------------------------------------------------
 // Casts and comparisons.
 
-TEST(PtrCast, DynamicCastFindsTheTypeOrGivesNullWithoutLeakingACount) {
+TEST(PtrCast, CastsShareTheObjectAndAFailedOneLeaksNoCount) {
   Ptr<Counter> a = Counter::counterNew("a");
   Ptr<Entity> base = a;
-  Ptr<Counter> back = ptr_cast<Counter>(base);
-  EXPECT_EQ(back, a);
-  EXPECT_EQ(a->references(), 3u);
-
-  Ptr<Other> wrong = ptr_cast<Other>(base);
-  EXPECT_EQ(wrong, nullptr);
-  EXPECT_EQ(a->references(), 3u);
+  EXPECT_EQ(ptr_cast<Counter>(base), a);
+  EXPECT_EQ(ptr_cast<Other>(base), nullptr);
   EXPECT_EQ(ptr_cast<Counter>(Ptr<Entity>()), nullptr);
+  EXPECT_EQ(a->references(), 2u);
 
   Ptr<Counter const> view = ptr_cast<Counter const>(Ptr<Entity const>(a));
+  Ptr<Counter> down = static_ptr_cast<Counter>(base);
+  Ptr<Counter> writable = const_ptr_cast<Counter>(view);
   EXPECT_EQ(view, a);
-  EXPECT_EQ(a->references(), 4u);
-}
-
-TEST(PtrCast, StaticAndConstCastsShareTheObject) {
-  Ptr<Counter> a = Counter::counterNew("a");
-  Ptr<Counter> down = static_ptr_cast<Counter>(Ptr<Entity>(a));
-  Ptr<Counter> writable = const_ptr_cast<Counter>(Ptr<Counter const>(a));
   EXPECT_EQ(down, a);
-  EXPECT_EQ(writable, a);
-  EXPECT_EQ(a->references(), 3u);
+  EXPECT_EQ(a->references(), 5u);
   writable->valueIs(2);
   EXPECT_EQ(a->value(), 2);
-}
 
-TEST(PtrCompare, EqualityAcrossTypesAndAStrictOrderForSets) {
-  Ptr<Counter> a = Counter::counterNew("a");
+  // Equality across types; a strict order by object for sets.
   Ptr<Counter> b = Counter::counterNew("b");
-  Ptr<Entity const> aView = a;
-  EXPECT_TRUE(a == aView);
-  EXPECT_FALSE(a == b);
-  EXPECT_TRUE(a == a.ptr());
-  EXPECT_TRUE(Ptr<Counter>() == nullptr);
-  EXPECT_FALSE(a == nullptr);
-  EXPECT_TRUE(bool(a));
-  EXPECT_TRUE(!Ptr<Counter>());
-
+  EXPECT_TRUE(a == view && a == a.ptr() && !(a == b));
   EXPECT_NE(a < b, b < a);
-  EXPECT_FALSE(a < aView);
-  std::set<Ptr<Counter>> set{a, b, a};
-  EXPECT_EQ(set.size(), 2u);
+  EXPECT_FALSE(a < view);
+  EXPECT_EQ((std::set<Ptr<Counter>>{a, b, a}).size(), 2u);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -236,40 +188,29 @@ TEST(LiveCount, CountsFollowEachTypeAndAreListedUnderTheirReadableName) {
 // ---------------------------------------------------------------------------------------
 // The entity tree: names, parents, paths.
 
-TEST(EntityTree, FullNameIsThePathOfNamesFromTheRoot) {
+TEST(EntityTree, FullNameIsThePathFromTheRootAndTheParentIsClearedWhenItLetsGo) {
+  long const before = liveObjects<Counter>();
   Ptr<Counter> root = Counter::counterNew("root");
   Ptr<Counter> child = root->childNew("child");
   Ptr<Counter> leaf = child->childNew("leaf");
   EXPECT_EQ(root->fullName(), "/root");
-  EXPECT_EQ(child->fullName(), "/root/child");
   EXPECT_EQ(leaf->fullName(), "/root/child/leaf");
   EXPECT_EQ(leaf->parent(), child);
   EXPECT_EQ(child->parentAttrName(), "child");
   EXPECT_EQ(root->parentAttrName(), "");
-  // A child does not hold its parent.
-  EXPECT_EQ(root->references(), 1u);
-}
+  EXPECT_EQ(root->references(), 1u);  // a child does not hold its parent
 
-TEST(EntityTree, ParentIsClearedWhenTheOwningCollectionLetsTheChildGo) {
-  Ptr<Counter> root = Counter::counterNew("root");
-  Ptr<Counter> child = root->childNew("child");
-  root->childDel("child");
+  root->childDel("child");  // the owning collection lets the child go
   EXPECT_EQ(root->children(), 0u);
   EXPECT_EQ(child->parent(), nullptr);
   EXPECT_EQ(child->fullName(), "/child");
   EXPECT_EQ(child->references(), 1u);
-}
 
-TEST(EntityTree, ParentIsClearedWhenTheParentItselfGoes) {
-  long const before = liveObjects<Counter>();
-  Ptr<Counter> child;
-  {
-    Ptr<Counter> root = Counter::counterNew("root");
-    child = root->childNew("child");
-  }
+  root = nullptr;
+  child = nullptr;  // the parent itself goes
   EXPECT_EQ(liveObjects<Counter>(), before + 1);
-  EXPECT_EQ(child->parentRaw(), nullptr);
-  EXPECT_EQ(child->fullName(), "/child");
+  EXPECT_EQ(leaf->parentRaw(), nullptr);
+  EXPECT_EQ(leaf->fullName(), "/leaf");
 }
 
 // hasFullName compares whole names: a prefix, a suffix or a split at another slash is
@@ -315,25 +256,8 @@ TEST(EntityTree, PathsResolveThroughEntityCollectionsAndReferences) {
 // ---------------------------------------------------------------------------------------
 // Type descriptions.
 
-TEST(TypeDescription, OwnAttributesByNameAndIdFollowTheCommonOnes) {
-  Ptr<Counter> c = Counter::counterNew("c");
-  TypeDescription const& type = c->veskTypeDescription();
-  EXPECT_STREQ(c->veskTypeName(), "Vesk::test::Counter");
-
-  AttributeDescription const* value = type.attribute("value");
-  ASSERT_NE(value, nullptr);
-  EXPECT_EQ(value->id, firstOwnAttributeId);
-  EXPECT_EQ(type.attribute(firstOwnAttributeId), value);
-  ASSERT_NE(type.attribute("child"), nullptr);
-  EXPECT_EQ(type.attribute("child")->id, Counter::kChildAttr);
-  EXPECT_EQ(type.attribute(Counter::kChildAttr)->kind, AttributeKind::entityCollection);
-
-  EXPECT_EQ(type.attribute("nothing"), nullptr);
-  EXPECT_EQ(type.attribute(252u), nullptr);
-  EXPECT_EQ(type.attribute(Counter::kChildAttr + 1), nullptr);
-}
-
-TEST(TypeDescription, EveryEntityHasTheCommonAttributes253To257) {
+// Every entity has the common attributes 253 to 257; a type's own attributes follow.
+TEST(TypeDescription, CommonAndOwnAttributesByNameAndId) {
   Ptr<Counter> root = Counter::counterNew("root");
   Ptr<Counter> child = root->childNew("a b");
   char const* const names[] = {"name", "fullName", "parent", "parentAttrName", "entity"};
@@ -347,19 +271,23 @@ TEST(TypeDescription, EveryEntityHasTheCommonAttributes253To257) {
     }
   }
   TypeDescription const& type = child->veskTypeDescription();
+  EXPECT_STREQ(child->veskTypeName(), "Vesk::test::Counter");
   EXPECT_EQ(type.attribute("name")->get(*child), "a b");
   EXPECT_EQ(type.attribute("fullName")->get(*child), "/root/a b");
   EXPECT_EQ(type.attribute("parent")->get(*child), "/root");
   EXPECT_EQ(type.attribute("parent")->get(*root), "");
   EXPECT_EQ(type.attribute("parentAttrName")->get(*child), "child");
-}
-
-// The entity attribute is the percent-encoded full path.
-TEST(TypeDescription, EntityAttributeIsThePercentEncodedPath) {
-  Ptr<Counter> root = Counter::counterNew("root");
-  Ptr<Counter> child = root->childNew("a b");
+  // The entity attribute is the percent-encoded full path.
   EXPECT_EQ(child->uriPath(), "/root/a%20b");
-  EXPECT_EQ(child->veskTypeDescription().attribute("entity")->get(*child), "/root/a%20b");
+  EXPECT_EQ(type.attribute("entity")->get(*child), "/root/a%20b");
+
+  ASSERT_NE(type.attribute("value"), nullptr);
+  EXPECT_EQ(type.attribute("value")->id, firstOwnAttributeId);
+  EXPECT_EQ(type.attribute(firstOwnAttributeId), type.attribute("value"));
+  EXPECT_EQ(type.attribute(Counter::kChildAttr)->kind, AttributeKind::entityCollection);
+  EXPECT_EQ(type.attribute("nothing"), nullptr);
+  EXPECT_EQ(type.attribute(252u), nullptr);
+  EXPECT_EQ(type.attribute(Counter::kChildAttr + 1), nullptr);
 }
 
 TEST(TypeDescription, GenericAccessReadsAndSetsThroughTheTable) {

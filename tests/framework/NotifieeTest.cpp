@@ -49,32 +49,33 @@ class Recorder : public Counter::NotifieeConst {
   Log* log_;
 };
 
-// A counter c and two recorders a and b, not yet bound; `before` is the Counter census.
+// A counter n and three recorders a, b and c, not yet bound; `before` is the Counter census.
 class NotifieeTest : public ::testing::Test {
  protected:
   long const before = liveObjects<Counter>();
-  Ptr<Counter> c = Counter::counterNew("c");
+  Ptr<Counter> n = Counter::counterNew("n");
   Log log;
   Recorder a{"a", &log};
   Recorder b{"b", &log};
+  Recorder c{"c", &log};
 };
 
 // ---------------------------------------------------------------------------------------
 // Synchronous, re-entrant, depth-first delivery in registration order.
 
 TEST_F(NotifieeTest, AChangeMadeByAHandlerReachesEveryoneBeforeTheOuterVisitGoesOn) {
-  a.notifierIs(c);
-  b.notifierIs(c);
+  a.notifierIs(n);
+  b.notifierIs(n);
   Ptr<Counter> second = Counter::counterNew("second");
   Recorder s("s", &log), late("late", &log);
   s.notifierIs(second);
   a.action = [&] {
-    if (c->value() == 1) c->memberIs("x", 1);                             // another attribute
-    if (c->value() >= 10 && c->value() < 12) c->valueIs(c->value() + 1);  // the same one
-    if (c->value() == 20) second->valueIs(200);                           // another notifier
-    if (c->value() == 30) late.notifierIs(c);  // heard from the next change on
+    if (n->value() == 1) n->memberIs("x", 1);                             // another attribute
+    if (n->value() >= 10 && n->value() < 12) n->valueIs(n->value() + 1);  // the same one
+    if (n->value() == 20) second->valueIs(200);                           // another notifier
+    if (n->value() == 30) late.notifierIs(n);  // heard from the next change on
   };
-  for (int v : {1, 10, 20, 30, 31}) c->valueIs(v);
+  for (int v : {1, 10, 20, 30, 31}) n->valueIs(v);
   EXPECT_EQ(log, (Log{"a.value=1", "a.member[x]", "b.member[x]", "b.value=1",
                       // Each of the three visits reaches b after the visits nested inside it.
                       "a.value=10", "a.value=11", "a.value=12", "b.value=12", "b.value=12",
@@ -85,24 +86,24 @@ TEST_F(NotifieeTest, AChangeMadeByAHandlerReachesEveryoneBeforeTheOuterVisitGoes
 // A list holds its first notifiee inline and moves to the heap for a second; a visit that
 // starts inline must not reach members added by its handler, and order must survive moves.
 TEST_F(NotifieeTest, ALoneNotifieeThatAddsOthersOrRejoinsKeepsTheOrderOfRegistration) {
-  a.notifierIs(c);
+  a.notifierIs(n);
   a.action = [&] {
-    if (c->value() == 1) b.notifierIs(c);  // heard from the next change on
-    if (c->value() == 3) {                 // leaves and rejoins behind b
+    if (n->value() == 1) b.notifierIs(n);  // heard from the next change on
+    if (n->value() == 3) {                 // leaves and rejoins behind b
       a.notifierIs(nullptr);
-      a.notifierIs(c);
+      a.notifierIs(n);
     }
   };
-  for (int v : {1, 2, 3, 4}) c->valueIs(v);
+  for (int v : {1, 2, 3, 4}) n->valueIs(v);
   EXPECT_EQ(log, (Log{"a.value=1", "a.value=2", "b.value=2", "a.value=3", "b.value=3", "b.value=4",
                       "a.value=4"}));
-  EXPECT_EQ(c->notifieeList().slots(), 2u);
+  EXPECT_EQ(n->notifieeList().slots(), 2u);
   a.notifierIs(nullptr);
   b.notifierIs(nullptr);
-  EXPECT_TRUE(c->notifieeList().empty());
+  EXPECT_TRUE(n->notifieeList().empty());
   log.clear();
-  b.notifierIs(c);
-  c->valueIs(5);
+  b.notifierIs(n);
+  n->valueIs(5);
   EXPECT_EQ(log, Log{"b.value=5"});
 }
 
@@ -110,39 +111,39 @@ TEST_F(NotifieeTest, ALoneNotifieeThatAddsOthersOrRejoinsKeepsTheOrderOfRegistra
 // Registration and binding.
 
 TEST_F(NotifieeTest, NothingIsDeliveredToAnUnregisteredNotifieeOrWhileNotificationIsOff) {
-  a.notifierIs(c);
+  a.notifierIs(n);
   EXPECT_TRUE(a.isRegisteredNotifiee());
   a.isRegisteredNotifieeIs(false);
-  c->valueIs(1);
-  c->memberIs("k", 1);
-  EXPECT_EQ(c->notifieeList().members(), 0u);
+  n->valueIs(1);
+  n->memberIs("k", 1);
+  EXPECT_EQ(n->notifieeList().members(), 0u);
   // Still bound: it keeps its strong reference.
-  EXPECT_EQ(a.notifierBase(), c.ptr());
-  EXPECT_EQ(c->references(), 2u);
+  EXPECT_EQ(a.notifierBase(), n.ptr());
+  EXPECT_EQ(n->references(), 2u);
   a.isRegisteredNotifieeIs(true);
 
-  c->hasNotificationActiveIs(false);
-  c->valueIs(2);
-  c->memberIs("k", 2);
-  EXPECT_EQ(c->value(), 2);  // the change itself is made
-  c->hasNotificationActiveIs(true);
-  c->valueIs(3);
+  n->hasNotificationActiveIs(false);
+  n->valueIs(2);
+  n->memberIs("k", 2);
+  EXPECT_EQ(n->value(), 2);  // the change itself is made
+  n->hasNotificationActiveIs(true);
+  n->valueIs(3);
   EXPECT_EQ(log, (Log{"a.value=3"}));
 }
 
 TEST_F(NotifieeTest, BindingTwiceKeepsOneRegistrationRebindingMovesItAndDestroyingDropsIt) {
-  a.notifierIs(Ptr<Counter const>(c));
-  a.notifierIs(c);
-  EXPECT_EQ(c->notifieeList().members(), 1u);
-  EXPECT_EQ(a.notifier(), c);
-  EXPECT_EQ(c->references(), 2u);
+  a.notifierIs(Ptr<Counter const>(n));
+  a.notifierIs(n);
+  EXPECT_EQ(n->notifieeList().members(), 1u);
+  EXPECT_EQ(a.notifier(), n);
+  EXPECT_EQ(n->references(), 2u);
 
   Ptr<Counter> second = Counter::counterNew("second");
   a.notifierIs(second);
-  EXPECT_EQ(c->references(), 1u);
+  EXPECT_EQ(n->references(), 1u);
   EXPECT_EQ(second->references(), 2u);
-  EXPECT_EQ(c->notifieeList().members(), 0u);
-  c->valueIs(1);
+  EXPECT_EQ(n->notifieeList().members(), 0u);
+  n->valueIs(1);
   second->valueIs(2);
   EXPECT_EQ(log, (Log{"a.value=2"}));
 
@@ -174,19 +175,18 @@ TEST_F(NotifieeTest, BindingTwiceKeepsOneRegistrationRebindingMovesItAndDestroyi
 // registering it again later touches no freed notifier; one unbound from inside another's
 // handler hears nothing.
 TEST_F(NotifieeTest, AWeakNotifieeDoesNotKeepItsNotifierAliveAndIsUnboundWhenItGoes) {
-  Recorder x("x", &log);
-  for (Recorder* r : {&a, &x, &b}) {
+  for (Recorder* r : {&a, &c, &b}) {
     r->isWeakReferenceIs(true);
-    r->notifierIs(c);
+    r->notifierIs(n);
   }
   b.isRegisteredNotifieeIs(false);
-  a.onZero = [&] { x.notifierIs(nullptr); };
-  EXPECT_EQ(c->references(), 1u);
-  c->valueIs(1);
-  c = nullptr;
-  EXPECT_EQ(log, (Log{"a.value=1", "x.value=1", "a.zero", "b.zero"}));
+  a.onZero = [&] { c.notifierIs(nullptr); };
+  EXPECT_EQ(n->references(), 1u);
+  n->valueIs(1);
+  n = nullptr;
+  EXPECT_EQ(log, (Log{"a.value=1", "c.value=1", "a.zero", "b.zero"}));
   EXPECT_EQ(liveObjects<Counter>(), before);
-  for (Recorder* r : {&a, &x, &b}) {
+  for (Recorder* r : {&a, &c, &b}) {
     EXPECT_EQ(r->notifierBase(), nullptr);
     EXPECT_FALSE(r->isRegisteredNotifiee());
   }
@@ -194,18 +194,18 @@ TEST_F(NotifieeTest, AWeakNotifieeDoesNotKeepItsNotifierAliveAndIsUnboundWhenItG
 }
 
 TEST_F(NotifieeTest, SwitchingBetweenWeakAndStrongMovesOneReference) {
-  a.notifierIs(c);
-  EXPECT_EQ(c->references(), 2u);
+  a.notifierIs(n);
+  EXPECT_EQ(n->references(), 2u);
   a.isWeakReferenceIs(true);
-  EXPECT_EQ(c->references(), 1u);
+  EXPECT_EQ(n->references(), 1u);
   a.isWeakReferenceIs(true);
-  EXPECT_EQ(c->references(), 1u);
+  EXPECT_EQ(n->references(), 1u);
   a.isWeakReferenceIs(false);
-  EXPECT_EQ(c->references(), 2u);
+  EXPECT_EQ(n->references(), 2u);
 
   // A strong notifiee keeps its notifier alive; switched to weak, it lets it go.
-  c->valueIs(7);
-  c = nullptr;
+  n->valueIs(7);
+  n = nullptr;
   EXPECT_EQ(liveObjects<Counter>(), before + 1);
   EXPECT_EQ(a.notifier()->value(), 7);
   EXPECT_EQ(a.notifier()->references(), 2u);  // the notifiee's and the temporary's
@@ -218,17 +218,17 @@ TEST_F(NotifieeTest, SwitchingBetweenWeakAndStrongMovesOneReference) {
 TEST_F(NotifieeTest, OnZeroReferencesMayTakeAStrongReferenceOrReadTheNotifier) {
   Ptr<Counter> other = Counter::counterNew("other");
   for (Recorder* r : {&a, &b}) r->isWeakReferenceIs(true);
-  a.notifierIs(c);
+  a.notifierIs(n);
   b.notifierIs(other);
-  a.onZero = [&] { a.isWeakReferenceIs(false); };  // keeps c
+  a.onZero = [&] { a.isWeakReferenceIs(false); };  // keeps n
   // Reading the dying notifier through notifier() makes a Ptr, taking the count from 0 to 1
   // and back to 0 inside the zero-reference handling: that must neither recurse nor delete
   // the notifier twice.
   int seen = -1;
   b.onZero = [&] { seen = b.notifier()->value(); };
-  c->valueIs(3);
+  n->valueIs(3);
   other->valueIs(4);
-  c = nullptr;
+  n = nullptr;
   other = nullptr;
   EXPECT_EQ(log, (Log{"a.value=3", "b.value=4", "a.zero", "b.zero"}));
   EXPECT_EQ(seen, 4);
@@ -247,21 +247,19 @@ TEST_F(NotifieeTest, OnZeroReferencesMayTakeAStrongReferenceOrReadTheNotifier) {
 
 enum class Change { attribute, member };
 
-class HostileNotifiee : public ::testing::TestWithParam<Change> {
+class HostileNotifiee : public NotifieeTest, public ::testing::WithParamInterface<Change> {
  protected:
   void SetUp() override {
-    before_ = liveObjects<Counter>();
-    counter_ = Counter::counterNew("counter");
-    for (Recorder* r : {&a_, &b_, &c_}) r->notifierIs(counter_);
+    for (Recorder* r : {&a, &b, &c}) r->notifierIs(n);
   }
 
   // One change of the kind under test; a new one each call.
   void change() {
     ++step_;
     if (GetParam() == Change::attribute) {
-      counter_->valueIs(step_);
+      n->valueIs(step_);
     } else {
-      counter_->memberIs("k", step_);
+      n->memberIs("k", step_);
     }
   }
   std::string call(char const* tag) const {
@@ -269,76 +267,70 @@ class HostileNotifiee : public ::testing::TestWithParam<Change> {
                                            : std::string(tag) + ".member[k]";
   }
 
-  long before_ = 0;
   int step_ = 0;
-  Log log_;
-  Ptr<Counter> counter_;
-  Recorder a_{"a", &log_};
-  Recorder b_{"b", &log_};
-  Recorder c_{"c", &log_};
 };
 
 TEST_P(HostileNotifiee, OneThatUnregistersOrDestroysOthersMeansTheyAreNotCalled) {
-  auto doomed = std::make_unique<Recorder>("doomed", &log_);
-  c_.notifierIs(nullptr);
-  doomed->notifierIs(counter_);
-  c_.notifierIs(counter_);  // order: a, b, doomed, c
-  a_.action = [&] {
-    b_.isRegisteredNotifieeIs(false);
+  auto doomed = std::make_unique<Recorder>("doomed", &log);
+  c.notifierIs(nullptr);
+  doomed->notifierIs(n);
+  c.notifierIs(n);  // order: a, b, doomed, c
+  a.action = [&] {
+    b.isRegisteredNotifieeIs(false);
     doomed.reset();
   };
   change();
-  EXPECT_EQ(log_, (Log{call("a"), call("c")}));
-  EXPECT_EQ(counter_->notifieeList().members(), 2u);
-  EXPECT_EQ(counter_->references(), 4u);  // b is still bound
-  log_.clear();
+  EXPECT_EQ(log, (Log{call("a"), call("c")}));
+  EXPECT_EQ(n->notifieeList().members(), 2u);
+  EXPECT_EQ(n->references(), 4u);  // b is still bound
+  log.clear();
   change();
-  EXPECT_EQ(log_, (Log{call("a"), call("c")}));
+  EXPECT_EQ(log, (Log{call("a"), call("c")}));
 }
 
 // One that removes itself is called once and the others still run. An exception that a
 // handler's override swallows lets the others run too; one it lets through stops the visit
 // and leaves the mutator. Either way the list is compacted when the visit ends.
 TEST_P(HostileNotifiee, OneThatRemovesItselfOrThrows) {
-  a_.action = [&] { a_.notifierIs(nullptr); };
-  b_.action = [] { throw std::runtime_error("handler failed"); };
-  b_.swallowExceptions = true;
+  a.action = [&] { a.notifierIs(nullptr); };
+  b.action = [] { throw std::runtime_error("handler failed"); };
+  b.swallowExceptions = true;
   EXPECT_NO_THROW(change());
-  EXPECT_EQ(log_, (Log{call("a"), call("b"), call("c")}));
-  EXPECT_EQ(counter_->notifieeList().slots(), 2u);
+  EXPECT_EQ(log, (Log{call("a"), call("b"), call("c")}));
+  EXPECT_EQ(n->notifieeList().slots(), 2u);
 
-  log_.clear();
-  b_.swallowExceptions = false;
-  b_.action = [&] {
-    c_.notifierIs(nullptr);
+  log.clear();
+  b.swallowExceptions = false;
+  b.action = [&] {
+    c.notifierIs(nullptr);
     throw std::runtime_error("handler failed");
   };
   EXPECT_THROW(change(), std::runtime_error);
-  EXPECT_EQ(log_, (Log{call("b")}));
-  EXPECT_EQ(b_.exceptions, 2);
+  EXPECT_EQ(log, (Log{call("b")}));
+  EXPECT_EQ(b.exceptions, 2);
   // The change itself was stored.
   if (GetParam() == Change::attribute) {
-    EXPECT_EQ(counter_->value(), step_);
+    EXPECT_EQ(n->value(), step_);
   } else {
-    EXPECT_EQ(*counter_->member("k"), step_);
+    EXPECT_EQ(*n->member("k"), step_);
   }
-  EXPECT_EQ(counter_->notifieeList().slots(), 1u);
-  log_.clear();
-  b_.action = nullptr;
+  EXPECT_EQ(n->notifieeList().slots(), 1u);
+  log.clear();
+  b.action = nullptr;
   change();
-  EXPECT_EQ(log_, (Log{call("b")}));
+  EXPECT_EQ(log, (Log{call("b")}));
 }
 
 // The notifier is kept alive for the visit: it goes when the visit ends, and the weak
 // notifiees hear onZeroReferences then, not from inside the handler.
 TEST_P(HostileNotifiee, OneThatDropsTheLastReferenceToTheNotifierKeepsItUntilTheVisitEnds) {
-  for (Recorder* r : {&a_, &b_, &c_}) r->isWeakReferenceIs(true);
-  ASSERT_EQ(counter_->references(), 1u);
-  a_.action = [&] { counter_ = nullptr; };
+  for (Recorder* r : {&a, &b, &c}) r->isWeakReferenceIs(true);
+  ASSERT_EQ(n->references(), 1u);
+  a.action = [&] { n = nullptr; };
   change();
-  EXPECT_EQ(log_, (Log{call("a"), call("b"), call("c"), "a.zero", "b.zero", "c.zero"}));
-  EXPECT_EQ(liveObjects<Counter>(), before_);
-  for (Recorder* r : {&a_, &b_, &c_}) EXPECT_EQ(r->notifierBase(), nullptr);
+  EXPECT_EQ(log, (Log{call("a"), call("b"), call("c"), "a.zero", "b.zero", "c.zero"}));
+  EXPECT_EQ(liveObjects<Counter>(), before);
+  for (Recorder* r : {&a, &b, &c}) EXPECT_EQ(r->notifierBase(), nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(AttributeAndMember, HostileNotifiee,

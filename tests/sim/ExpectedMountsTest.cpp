@@ -90,9 +90,12 @@ TEST_F(ExpectedMountsTest, AProxyServiceUsesItsRealServicesNegotiation) {
   EXPECT_EQ(decision(sw1), kNotMounted);
 }
 
-TEST_F(ExpectedMountsTest, AnInactiveSystemIsUnmountedPreservingStateOnlyWhenAGroupAsks) {
+// An inactive system is unmounted, preserving its state only when a group asks; a removed one
+// that is not marked inactive is unmounted without preserving, and forgotten once unmarked.
+TEST_F(ExpectedMountsTest, InactiveAndRemovedSystemsAreUnmountedPreservingOnlyWhenInactive) {
   mounter("Foo");
   world.negotiate(sw1, "Foo", 1);
+  world.negotiate(sw2, "Foo", 1);
   world.inactiveIs(sw1, true);
   EXPECT_EQ(decision(sw1), kNotMounted);
   mounter("Bar").groupIs("g", /*preserve=*/true);
@@ -103,18 +106,13 @@ TEST_F(ExpectedMountsTest, AnInactiveSystemIsUnmountedPreservingStateOnlyWhenAGr
   world.inactiveIs(sw1, true);
   world.removeSwitch(sw1);
   EXPECT_EQ(decision(sw1), kPreserved);
-}
 
-TEST_F(ExpectedMountsTest, ARemovedSwitchIsUnmountedWithoutPreservingAndThenForgotten) {
-  mounter("Foo").groupIs("g", /*preserve=*/true);
-  world.negotiate(sw1, "Foo", 1);
-  EXPECT_EQ(decision(sw1), kMounted);
-  // Gone from the table but still marked inactive=false: listed, not mounted, no preserve.
-  world.inactiveIs(sw1, false);
-  world.removeSwitch(sw1);
-  EXPECT_EQ(decision(sw1), kNotMounted);
-  world.inactiveDel(sw1);
-  EXPECT_EQ(expectedMounts(world).count({"/a", sw1.stringValue().stdString()}), 0u);
+  EXPECT_EQ(decision(sw2), kMounted);
+  world.inactiveIs(sw2, false);
+  world.removeSwitch(sw2);
+  EXPECT_EQ(decision(sw2), kNotMounted);
+  world.inactiveDel(sw2);
+  EXPECT_EQ(expectedMounts(world).count({"/a", sw2.stringValue().stdString()}), 0u);
 }
 
 }  // namespace

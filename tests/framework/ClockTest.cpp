@@ -338,13 +338,6 @@ TEST(Activity, CurrentActivityDefaultsToARealClockAndScopesRestoreThePrevious) {
       EXPECT_EQ(currentActivity()->clock()->currentTime(), 50.0);
     }
     EXPECT_EQ(currentActivity(), outer.activity());
-
-    // A machine's timer on the current clock.
-    Log log;
-    TestTimer t(currentActivity()->clock(), "t", log);
-    t.timeMinIs(2.0);
-    outer.clock()->advanceBy(2.0);
-    EXPECT_EQ(log, (Log{"t@2"}));
   }
   EXPECT_EQ(currentActivity(), fresh);
 

@@ -100,25 +100,17 @@ TEST(ModelCreateOrReturn, EachMemberReturnsTheHeldEntityOrNamesTheFirstDiffering
   EXPECT_EQ(mount->targetMountPath(), "/mnt/vol");
 }
 
+// The names and ranges are the model's own, quoted by services and traces; how a name is
+// parsed is the generator's.
 TEST(ModelEnums, PublishStateAndMountStateReadAndPrintTheirNames) {
-  PublishState parsed = publishStateInvalid;
-  auto parse = [&](std::string const& text) {
-    return sequenceToValue(text.data(), text.data() + text.size(), parsed);
-  };
-  EXPECT_TRUE(parse("publishStateComplete"));
-  EXPECT_EQ(parsed, PublishState(1));
-  EXPECT_FALSE(parse("2"));
-  EXPECT_EQ(parsed, publishStateComplete);  // left as it was
-  EXPECT_EQ(PublishStateInstance(Vesk::String("publishStateComplete")), publishStateComplete);
-  EXPECT_THROW(PublishStateInstance(2u), Vesk::RangeException);
-  EXPECT_THROW(PublishStateInstance(Vesk::String("")), Vesk::RangeException);
-
+  EXPECT_EQ(PublishStateInstance(Vesk::String("publishStateComplete")), PublishState(1));
   std::ostringstream states;
-  states << PublishState(0) << "," << valueToStrep(publishStateComplete);
+  states << PublishState(0) << "," << publishStateComplete;
   for (unsigned v = 0; v <= 5; ++v) states << "," << MountStateInstance(v);
   EXPECT_EQ(states.str(),
             "publishStateInvalid,publishStateComplete,mountStateNotMounted,mountStateConnecting,"
             "mountStateMounting,mountStateFailed,mountStateMounted,mountStateUnmounting");
+  EXPECT_THROW(PublishStateInstance(2u), Vesk::RangeException);
   EXPECT_THROW(MountStateInstance(6u), Vesk::RangeException);
 }
 

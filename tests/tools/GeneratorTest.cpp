@@ -148,6 +148,9 @@ TEST(GeneratedEnum, ParsesAndPrintsItsStringForms) {
   EXPECT_EQ(ColourInstance(3u), colourRed);
   EXPECT_THROW(ColourInstance(2u), Vesk::RangeException);
   EXPECT_THROW(ColourInstance(Vesk::String("colourBlue")), Vesk::RangeException);
+  Colour parsed = colourRed;
+  EXPECT_FALSE(sequenceToValue("2", "2" + 1, parsed));  // a number without a name
+  EXPECT_EQ(parsed, colourRed);                         // left as it was
   std::ostringstream os;
   os << colourNone;
   EXPECT_EQ(os.str(), "colourNone");

@@ -270,11 +270,14 @@ void MountsRegistryEntrySm::evaluateMounters() {
 
 void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   if (!initialized_) return;
+  Vesk::Ptr<PeerTable const> peers = peerTable();
+  evaluateSystem(systemId, peers ? peers->peer(systemId).ptr() : nullptr);
+}
+
+void MountsRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const* peer) {
   ++decisions_;
   Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Peer:", connection);
-  Vesk::Ptr<PeerTable const> peers = peerTable();
-  Vesk::Ptr<Peer> peer = peers ? peers->peer(systemId) : nullptr;
   if (peer) {
     Vesk::Ptr<MountStateReactor> const mount = mountSmDataSm_(systemId);
     updateSystemStatus(systemId, mount.ptr());
@@ -309,7 +312,8 @@ void MountsRegistryEntrySm::handleSwitchConnection() {
   }
   Vesk::Ptr<PeerTable const> peers = peerTable();
   if (!peers) return;
-  for (auto const& [systemId, peer] : peers->peerMembers()) handleSwitchConnection(systemId);
+  // The walk holds each peer it hands out, and decisions do not change the peer table.
+  for (auto const& [systemId, peer] : peers->peerMembers()) evaluateSystem(systemId, peer.ptr().ptr());
 }
 
 void MountsRegistryEntrySm::handleNamedSwitchConnection(Vesk::String const& connectionName) {

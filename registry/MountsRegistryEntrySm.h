@@ -131,6 +131,9 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   };
 
   Vesk::Ptr<PeerTable const> peerTable() const;
+  // handleSwitchConnection(systemId) for a system whose peer (or null: not in the table) the
+  // caller has already found, as the walk over the whole peer table has.
+  void evaluateSystem(SystemId const& systemId, Peer const* peer);
   // canMountFromSystem for a system whose mount (or null) the caller holds: the mount's
   // status records keep the mounters' negotiated versions between decisions.
   bool canMountFromSystem(SystemId const& systemId, MountStateReactor* mount);

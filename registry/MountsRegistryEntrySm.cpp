@@ -313,7 +313,8 @@ void MountsRegistryEntrySm::handleSwitchConnection() {
   Vesk::Ptr<PeerTable const> peers = peerTable();
   if (!peers) return;
   // The walk holds each peer it hands out, and decisions do not change the peer table.
-  for (auto const& [systemId, peer] : peers->peerMembers()) evaluateSystem(systemId, peer.ptr().ptr());
+  for (auto const& [systemId, peer] : peers->peerMembers())
+    evaluateSystem(systemId, peer.ptr().ptr());
 }
 
 void MountsRegistryEntrySm::handleNamedSwitchConnection(Vesk::String const& connectionName) {

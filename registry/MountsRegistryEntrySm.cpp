@@ -279,15 +279,16 @@ void MountsRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const*
   Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Peer:", connection);
   if (peer) {
+    // The decision holds the mount it found: nothing in it deletes a mount.
     Vesk::Ptr<MountStateReactor> const mount = mountSmDataSm_(systemId);
-    updateSystemStatus(systemId, mount.ptr());
+    updateSystemStatus(systemId, mount.ptr(), true);
     if (!peer->connectionConfig()) return;
-    if (canMountFromSystem(systemId, mount.ptr())) {
-      doConnectSwitch(systemId);
+    if (canMountFromSystem(systemId, mount.ptr(), peer)) {
+      doConnectSwitch(systemId, *peer, mount.ptr());
     } else {
       VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
                  " Cannot mount:", registryEntry_->name(), " from:", connection);
-      doDisconnectSwitch(systemId);
+      doDisconnectSwitch(systemId, mount.ptr(), peer);
     }
     return;
   }
@@ -295,7 +296,8 @@ void MountsRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const*
              " connection:", connection,
              " registered:", mountSmDataSm_(systemId) ? "true" : "false");
   doDisconnectSwitch(systemId);
-  updateSystemStatus(systemId);
+  // The unmount may have dropped the mount, so the status update looks it up afresh.
+  updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr(), false);
 }
 
 MountsRegistryEntrySm::ReevaluationBatch::~ReevaluationBatch() {
@@ -333,17 +335,18 @@ bool MountsRegistryEntrySm::canMountFromConnection(Vesk::String const& connectio
 }
 
 bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId) {
-  return canMountFromSystem(systemId, nullptr);
+  return canMountFromSystem(systemId, nullptr, nullptr);
 }
 
-bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId, MountStateReactor* mount) {
+bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId, MountStateReactor* mount,
+                                               Peer const* peer) {
   Vesk::String const& connection = systemId.stringValue();
   bool negotiated = false;
   if (!cleaningUp_) {
     for (auto const& [key, m] : registryEntry_->mounterMembers()) {
       VersionMemo* memo = mount ? mount->versionMemo(*m.ptr()) : nullptr;
       if (mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(*m.ptr()), systemId,
-                                                               memo) != 0) {
+                                                               {memo, peer}) != 0) {
         negotiated = true;
         break;
       }
@@ -360,7 +363,7 @@ bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId, MountSt
     return true;
   }
   if (!versionFilter_.empty()) {
-    if (!systemMatchesVersionFilter(systemId)) {
+    if (!systemMatchesVersionFilter(systemId, peer)) {
       VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
                  " version filter not matched for ", connection);
       return false;
@@ -392,8 +395,12 @@ bool MountsRegistryEntrySm::connectionMatchesVersionFilter(Vesk::String const& c
 }
 
 bool MountsRegistryEntrySm::systemMatchesVersionFilter(SystemId const& systemId) {
+  return systemMatchesVersionFilter(systemId, nullptr);
+}
+
+bool MountsRegistryEntrySm::systemMatchesVersionFilter(SystemId const& systemId, Peer const* peer) {
   for (auto const& [service, filter] : versionFilter_) {
-    if (matchingServiceVersionFilter(service, systemId)) return true;
+    if (matchingServiceVersionFilter(service, systemId, peer)) return true;
   }
   return false;
 }
@@ -411,6 +418,12 @@ bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& ser
 
 bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& service,
                                                          SystemId const& systemId) {
+  return matchingServiceVersionFilter(service, systemId, nullptr);
+}
+
+bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& service,
+                                                         SystemId const& systemId,
+                                                         Peer const* peer) {
   Vesk::String const& connection = systemId.stringValue();
   Vesk::Ptr<ServiceVersionFilter> filter = versionFilter(Vesk::Name(service));
   if (!filter) {
@@ -418,7 +431,8 @@ bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& ser
                " no version filter for service ", service);
     return false;
   }
-  uint32_t version = mountsRegistrySm_->negotiatedServiceVersionForSystem(service, systemId);
+  uint32_t version =
+      mountsRegistrySm_->negotiatedServiceVersionForSystem(service, systemId, {nullptr, peer});
   if (version == 0) {
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter", " no version",
                " service:", service, " connection:", connection);
@@ -446,7 +460,7 @@ bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mount
 
 bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mounter,
                                                             SystemId const& systemId,
-                                                            VersionMemo* memo) {
+                                                            VersionHints hints) {
   ServiceMountGroupConfig const* group = mounter.mountGroupConfig().ptr();
   if (!group) return false;
   if (MountFilterSystem const* systems = group->systemFilter().ptr()) {
@@ -454,7 +468,7 @@ bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mount
   }
   if (MountFilterServiceVersion const* versions = group->versionFilter().ptr()) {
     uint32_t version =
-        mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(mounter), systemId, memo);
+        mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(mounter), systemId, hints);
     if (version == 0 || !versions->includedServiceVersion(version)) return false;
   }
   return true;
@@ -482,19 +496,23 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Vesk::Ptr<Peer> peer = peers ? peers->peer(systemId) : nullptr;
   VESK_ASSERT(peer);
   VESK_ASSERT(peer->connectionConfig());
+  doConnectSwitch(systemId, *peer, mountSmDataSm_(systemId).ptr());
+}
+
+void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId, Peer const& peer,
+                                            MountStateReactor* mount) {
   Vesk::Name const& path = registryEntry_->name();
   Vesk::String const& system = systemId.stringValue();
-  Vesk::Ptr<MountStateReactor> mount = mountSmDataSm_(systemId);
-  if (Vesk::Ptr<MountSm> sm = mount ? mount->mountSm() : nullptr) {
+  if (MountSm* sm = mount ? mount->mountSm().ptr() : nullptr) {
     if (sm->data()->mountState() == mountStateMounted && !sm->pendingRequest()) {
       VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch",
                  " updating status:", path, " from:", system);
-      updateMountersStatus(systemId, mountStateMounted, mount.ptr());
+      updateMountersStatus(systemId, mountStateMounted, mount, &peer);
       return;
     }
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doConnectSwitch", " remounting:", path,
                " from:", system);
-    sm->connectionConfigIs(peer->connectionConfig());
+    sm->connectionConfigIs(peer.connectionConfig());
     sm->doRemount();
     return;
   }
@@ -503,22 +521,23 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   MountsRegistry const* registry = registryEntry_->registry();
   Vesk::Ptr<Vesk::Dir> prefixDir = registry ? registry->rootDir() : nullptr;
   VESK_ASSERT(prefixDir);
-  Vesk::Name connTargetDirName = peer->connectionConfig()->name();
+  Vesk::Name connTargetDirName = peer.connectionConfig()->name();
   Vesk::Ptr<Vesk::Dir> connectionTargetDir = prefixDir->subdirIs(connTargetDirName);
   VESK_ASSERT(connectionTargetDir);
   Vesk::String targetPath = connectionTargetDir->keptFullName();
   VESK_TRACE(traceHandle, 8, "MountsRegistryEntrySm::doConnectSwitch",
              "connTargetDirName=", connTargetDirName, "  targetPath=", targetPath);
 
-  mount = mountSmDataSmIs(Vesk::Ptr<MountSmData>(new MountSmData(systemId, system)));
+  Vesk::Ptr<MountStateReactor> const made =
+      mountSmDataSmIs(Vesk::Ptr<MountSmData>(new MountSmData(systemId, system)));
   uint32_t retries = registry->reconnectRetries();
   Vesk::Seconds timeout = registry->mountTimeout();
   Vesk::Ptr<MountSm> sm(
-      new MountSm(systemId, peer->connectionConfig(), mountsRegistrySm_->heartbeatConfig(),
+      new MountSm(systemId, peer.connectionConfig(), mountsRegistrySm_->heartbeatConfig(),
                   registry->remoteRootPath(), path, targetPath, registryEntry_->veskType(),
                   registryEntry_->mountFlags(), retries == 0 ? kNoRetryLimit : retries,
-                  timeout == 0.0 ? kNoMountTimeout : uint32_t(timeout), mount->data()));
-  mount->mountSmIs(sm);
+                  timeout == 0.0 ? kNoMountTimeout : uint32_t(timeout), made->data()));
+  made->mountSmIs(sm);
 }
 
 Vesk::Ptr<MountsRegistryEntrySm::MountStateReactor> MountsRegistryEntrySm::mountSmDataSmIs(
@@ -527,9 +546,15 @@ Vesk::Ptr<MountsRegistryEntrySm::MountStateReactor> MountsRegistryEntrySm::mount
 }
 
 void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
+  doDisconnectSwitch(systemId, mountSmDataSm_(systemId).ptr(), nullptr);
+}
+
+void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId, MountStateReactor* mount,
+                                               Peer const* peer) {
   Vesk::Name const& path = registryEntry_->name();
   Vesk::String const& system = systemId.stringValue();
-  if (Vesk::Ptr<MountSm> sm = mountSm(systemId)) {
+  // The machine is held through the unmount, which may report its end and drop the mount.
+  if (Vesk::Ptr<MountSm> sm = mount ? mount->mountSm() : nullptr) {
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch", " unmounting:", path,
                " from:", system);
     if (preserveMountsOnDisconnect(systemId)) {
@@ -545,7 +570,7 @@ void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
   }
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::doDisconnectSwitch",
              " already unmounted:", path, " from:", system);
-  updateMountersStatus(systemId, mountStateNotMounted, nullptr);  // no mount, no records
+  updateMountersStatus(systemId, mountStateNotMounted, nullptr, peer);  // no mount, no records
 }
 
 void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
@@ -560,12 +585,12 @@ void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, Mount
 }
 
 void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state,
-                                                 MountStateReactor* reactor) {
+                                                 MountStateReactor* reactor, Peer const* peer) {
   if (cleaningUp_) return;  // the mounters have taken their status records down
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateMountersStatus", " mount state:", state,
              " connection:", systemId.stringValue());
   for (auto const& [key, m] : registryEntry_->mounterMembers()) {
-    updateMounterStatus(*m.ptr(), systemId, state, reactor);
+    updateMounterStatus(*m.ptr(), systemId, state, reactor, peer);
   }
 }
 
@@ -593,7 +618,8 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
 }
 
 void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId const& systemId,
-                                                MountState state, MountStateReactor* reactor) {
+                                                MountState state, MountStateReactor* reactor,
+                                                Peer const* peer) {
   VESK_ASSERT(mounter.serviceMountStatus());
   VESK_ASSERT(mounter.mountGroupConfig());
   StatusRecords* records = reactor ? &reactor->statusRecords(mounter) : nullptr;
@@ -605,7 +631,8 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
              mounter.mountConfig() ? mounter.mountConfig()->remotePath() : Vesk::Name());
   if (!group) return;  // the system's statuses are gone with its peer
   MountGroupSummaries& summaries = mountsRegistrySm_->mountGroupSummaries();
-  if (mounterIsInterestedInConnection(mounter, systemId, records ? &records->version : nullptr)) {
+  if (mounterIsInterestedInConnection(mounter, systemId,
+                                      {records ? &records->version : nullptr, peer})) {
     Vesk::Ptr<MountStatus> status =
         records && records->mount && records->mount->parentRaw() == group.ptr() ? records->mount
                                                                                 : nullptr;
@@ -653,15 +680,15 @@ void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig c
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
-  updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr());
+  Vesk::Ptr<PeerTable const> peers = peerTable();
+  updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr(), peers && peers->peer(systemId));
 }
 
-void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountStateReactor* mount) {
+void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountStateReactor* mount,
+                                               bool present) {
   if (cleaningUp_) return;
   Vesk::Name const& system = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateSystemStatus", " connection:", system);
-  Vesk::Ptr<PeerTable const> peers = peerTable();
-  bool present = peers && peers->peer(systemId);
   for (auto const& [key, m] : registryEntry_->mounterMembers()) {
     ServiceMountStatus* status = m->serviceMountStatus().ptr();
     if (!status) continue;

@@ -74,9 +74,10 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   bool systemMatchesVersionFilter(SystemId const& systemId);
   bool matchingServiceVersionFilter(Vesk::String const& service, SystemId const& systemId);
   bool mounterIsInterestedInConnection(Mounter const& mounter, Vesk::String const& connection);
-  // `memo`, when given, keeps the mounter's negotiated version on the system between calls.
+  // `hints.memo`, when given, keeps the mounter's negotiated version on the system between
+  // calls; `hints.peer` is the system's peer, when the caller has found it.
   bool mounterIsInterestedInConnection(Mounter const& mounter, SystemId const& systemId,
-                                       VersionMemo* memo = nullptr);
+                                       VersionHints hints = {});
   bool preserveMountsOnDisconnect(SystemId const& systemId);
   void doConnectSwitch(SystemId const& systemId);
   void doDisconnectSwitch(SystemId const& systemId);
@@ -134,15 +135,24 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   // handleSwitchConnection(systemId) for a system whose peer (or null: not in the table) the
   // caller has already found, as the walk over the whole peer table has.
   void evaluateSystem(SystemId const& systemId, Peer const* peer);
-  // canMountFromSystem for a system whose mount (or null) the caller holds: the mount's
-  // status records keep the mounters' negotiated versions between decisions.
-  bool canMountFromSystem(SystemId const& systemId, MountStateReactor* mount);
-  // updateSystemStatus for a system whose mount (or null) the caller has found.
-  void updateSystemStatus(SystemId const& systemId, MountStateReactor* mount);
+  // canMountFromSystem for a system whose mount (or null) and peer the caller holds: the
+  // mount's status records keep the mounters' negotiated versions between decisions, and the
+  // peer spares the versions' reading a search of the peer table.
+  bool canMountFromSystem(SystemId const& systemId, MountStateReactor* mount, Peer const* peer);
+  bool systemMatchesVersionFilter(SystemId const& systemId, Peer const* peer);
+  bool matchingServiceVersionFilter(Vesk::String const& service, SystemId const& systemId,
+                                    Peer const* peer);
+  // The connect and disconnect of a decision, with the mount (or null) and the peer it found.
+  void doConnectSwitch(SystemId const& systemId, Peer const& peer, MountStateReactor* mount);
+  void doDisconnectSwitch(SystemId const& systemId, MountStateReactor* mount, Peer const* peer);
+  // updateSystemStatus for a system whose mount (or null) and presence in the peer table the
+  // caller has found.
+  void updateSystemStatus(SystemId const& systemId, MountStateReactor* mount, bool present);
   bool hasMounterCountingFor(Vesk::String const& service) const;
-  void updateMountersStatus(SystemId const& systemId, MountState state, MountStateReactor* reactor);
+  void updateMountersStatus(SystemId const& systemId, MountState state, MountStateReactor* reactor,
+                            Peer const* peer = nullptr);
   void updateMounterStatus(Mounter const& mounter, SystemId const& systemId, MountState state,
-                           MountStateReactor* reactor);
+                           MountStateReactor* reactor, Peer const* peer = nullptr);
   Vesk::Ptr<ServiceMountGroupStatus> groupStatus(Mounter const& mounter, SystemId const& systemId,
                                                  StatusRecords* records) const;
   // handleMountState with the records the caller has already found.

@@ -220,18 +220,19 @@ uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(
 
 uint32_t MountsRegistrySm::negotiatedServiceVersionForSystem(Vesk::String const& service,
                                                              SystemId const& systemId,
-                                                             VersionMemo* memo) const {
+                                                             VersionHints hints) const {
   Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 8, "MountsRegistrySm::negotiatedServiceVersionForConnection",
              " service:", service, " connection:", connection);
   Vesk::Name const realService = realServiceOf(service);
   VersionReading reading;
   uint64_t const changes = Vesk::countedRecordChanges();
-  if (memo && memo->changes == changes) {
-    reading = memo->reading;
+  if (hints.memo && hints.memo->changes == changes) {
+    reading = hints.memo->reading;
   } else {
-    reading = versionInRecords(realService, systemId);
-    if (memo) *memo = {changes, reading};
+    reading = hints.peer ? versionInRecords(realService, *hints.peer)
+                         : versionInRecords(realService, systemId);
+    if (hints.memo) *hints.memo = {changes, reading};
   }
   if (!reading.peerKnown) return 0;
   if (reading.version != 0) {
@@ -250,9 +251,12 @@ VersionReading MountsRegistrySm::versionInRecords(Vesk::Name const& realService,
   // Read through the records without holding them: a reference taken here would write
   // into records that are otherwise only read, and rarely in cache.
   Vesk::Owned<Peer> const* peer = peerTable_ ? peerTable_->peerMembers().find(systemId) : nullptr;
-  if (!peer) return {};
+  return peer ? versionInRecords(realService, *peer->ptr()) : VersionReading{};
+}
+
+VersionReading MountsRegistrySm::versionInRecords(Vesk::Name const& realService, Peer const& peer) {
   // A version counts only once its negotiation has completed and found it compatible.
-  ServiceStatusDir const* dir = (*peer)->serviceStatusDir().ptr();
+  ServiceStatusDir const* dir = peer.serviceStatusDir().ptr();
   Vesk::Owned<ServiceStatusV1> const* status =
       dir ? dir->serviceMembers().find(realService) : nullptr;
   ServiceVersionStatusV1 const* version =

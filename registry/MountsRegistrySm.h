@@ -70,9 +70,10 @@ class MountsRegistrySm : public Vesk::PtrInterface {
                                                  Vesk::String const& connection) const;
   // The same for a system whose identity the caller holds: no connection name to parse. With
   // a memo, a reading the memo holds from an unchanged count is used instead of the records,
-  // and a fresh one is kept in it; the traces are the same either way.
+  // and a fresh one is kept in it; with the peer, the records are read from it without a
+  // search of the peer table. The traces are the same either way.
   uint32_t negotiatedServiceVersionForSystem(Vesk::String const& service, SystemId const& systemId,
-                                             VersionMemo* memo = nullptr) const;
+                                             VersionHints hints = {}) const;
   // The entries that have a mounter counting for a (real) service, kept by the entry
   // machines as their mounters come and go, so that a version report on one connection
   // visits only the entries it concerns.
@@ -82,6 +83,7 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   // The real service a mounter's service counts for: itself, or the service it proxies.
   Vesk::Name realServiceOf(Vesk::String const& service) const;
   VersionReading versionInRecords(Vesk::Name const& realService, SystemId const& systemId) const;
+  static VersionReading versionInRecords(Vesk::Name const& realService, Peer const& peer);
   // The summary state of every mount group status the entry machines write.
   MountGroupSummaries& mountGroupSummaries() { return mountGroupSummaries_; }
   void handleInitialized();

@@ -23,4 +23,14 @@ struct VersionMemo {
   VersionReading reading;
 };
 
+class Peer;
+
+// What a caller may already hold that spares a version reading its searches: a memo of an
+// earlier reading, and the system's peer when the caller has found it in the peer table (a
+// walk over the table, a decision on one system). Either may be null.
+struct VersionHints {
+  VersionMemo* memo = nullptr;
+  Peer const* peer = nullptr;
+};
+
 }  // namespace Controller

@@ -13,6 +13,12 @@
 // when the last iterator leaves it. Erasing any member, the current one included, or
 // inserting (which may grow the table) during an iteration is safe.
 //
+// LOOKUPS IN ORDER. Two maps with the same key type order the keys they share alike. A
+// Cursor answers find() for keys handed to it in that order (say, by a walk over another
+// map) by stepping forward from where its last answer stood, instead of searching a bucket:
+// a walk that looks up each of its keys in a second map then reads each member of that map
+// once, not the members that share a bucket with every key it looks for.
+//
 // SHARED TABLES. The bucket table is reference counted: the map holds one reference and
 // every live iterator one more. clear() with iterators alive marks every node and hands
 // the map a fresh table; the iterators finish on the old one and see nothing further.
@@ -164,6 +170,61 @@ class HashMap {
   }
   bool contains(K const& k) const { return findNode(k) != nullptr; }
   iterator iteratorAt(K const& k) const { return iterator(t_, findNode(k)); }
+
+  // find() for keys sought in iteration order. The cursor stands on (and pins, like an
+  // iterator) the last member it has stepped over, whose successors the next seek reads;
+  // so the map may change between seeks, and each answer is find()'s at that moment. A key
+  // not sought in order, and any key once clear() has replaced the table, is looked up.
+  class Cursor {
+   public:
+    explicit Cursor(HashMap const& map) : map_(map) {}
+    Cursor(Cursor const&) = delete;
+    Cursor& operator=(Cursor const&) = delete;
+    ~Cursor() {
+      if (!at_) return;
+      HashMap::unpin(t_, at_);
+      HashMap::release(t_);
+    }
+
+    V* seek(K const& k) {
+      uint64_t const rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
+      // The cursor stands before every key sought so far, so only a key past all of them
+      // can be found by stepping forward.
+      if (!first_ && rev <= lastRev_) return lookup(k);
+      first_ = false;
+      lastRev_ = rev;
+      Table* t = map_.t_;
+      if (!t || (at_ && t_ != t)) return lookup(k);
+      Node* next = at_ ? HashMap::nextLive(t, at_) : HashMap::firstLive(t, 0);
+      while (next && (next->rev < rev || (next->rev == rev && next->kv.first < k))) {
+        stepOnto(t, next);
+        next = HashMap::nextLive(t, next);
+      }
+      return next && next->rev == rev && next->kv.first == k ? &next->kv.second : nullptr;
+    }
+
+   private:
+    void stepOnto(Table* t, Node* n) {
+      ++n->pins;
+      if (at_) {
+        HashMap::unpin(t_, at_);
+      } else {
+        t_ = t;
+        ++t_->refs;
+      }
+      at_ = n;
+    }
+    V* lookup(K const& k) {
+      Node* n = map_.findNode(k);
+      return n ? &n->kv.second : nullptr;
+    }
+
+    HashMap const& map_;
+    Table* t_ = nullptr;  // held while the cursor stands on a member
+    Node* at_ = nullptr;
+    uint64_t lastRev_ = 0;
+    bool first_ = true;
+  };
 
   // Inserts (k, V(args...)) unless k is present; returns the member and whether it is new.
   template <class... A>

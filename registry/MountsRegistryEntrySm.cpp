@@ -271,16 +271,15 @@ void MountsRegistryEntrySm::evaluateMounters() {
 void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   if (!initialized_) return;
   Vesk::Ptr<PeerTable const> peers = peerTable();
-  evaluateSystem(systemId, peers ? peers->peer(systemId).ptr() : nullptr);
+  evaluateSystem(systemId, peers ? peers->peer(systemId).ptr() : nullptr, mountSmDataSm_(systemId));
 }
 
-void MountsRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const* peer) {
+void MountsRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const* peer,
+                                           Vesk::Ptr<MountStateReactor> const& mount) {
   ++decisions_;
   Vesk::String const& connection = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection", " Peer:", connection);
   if (peer) {
-    // The decision holds the mount it found: nothing in it deletes a mount.
-    Vesk::Ptr<MountStateReactor> const mount = mountSmDataSm_(systemId);
     updateSystemStatus(systemId, mount.ptr(), true);
     if (!peer->connectionConfig()) return;
     if (canMountFromSystem(systemId, mount.ptr(), peer)) {
@@ -293,9 +292,8 @@ void MountsRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const*
     return;
   }
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
-             " connection:", connection,
-             " registered:", mountSmDataSm_(systemId) ? "true" : "false");
-  doDisconnectSwitch(systemId);
+             " connection:", connection, " registered:", mount ? "true" : "false");
+  doDisconnectSwitch(systemId, mount.ptr(), nullptr);
   // The unmount may have dropped the mount, so the status update looks it up afresh.
   updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr(), false);
 }
@@ -314,9 +312,13 @@ void MountsRegistryEntrySm::handleSwitchConnection() {
   }
   Vesk::Ptr<PeerTable const> peers = peerTable();
   if (!peers) return;
-  // The walk holds each peer it hands out, and decisions do not change the peer table.
-  for (auto const& [systemId, peer] : peers->peerMembers())
-    evaluateSystem(systemId, peer.ptr().ptr());
+  // The walk holds each peer it hands out, and decisions do not change the peer table. The
+  // mounts are found in the walk's order, each mount read once rather than searched for.
+  Vesk::HashMap<SystemId, Vesk::Ptr<MountStateReactor>>::Cursor mounts(mountSmDataSm_.members());
+  for (auto const& [systemId, peer] : peers->peerMembers()) {
+    Vesk::Ptr<MountStateReactor> const* mount = mounts.seek(systemId);
+    evaluateSystem(systemId, peer.ptr().ptr(), mount ? *mount : nullptr);
+  }
 }
 
 void MountsRegistryEntrySm::handleNamedSwitchConnection(Vesk::String const& connectionName) {

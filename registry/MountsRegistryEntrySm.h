@@ -132,9 +132,11 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   };
 
   Vesk::Ptr<PeerTable const> peerTable() const;
-  // handleSwitchConnection(systemId) for a system whose peer (or null: not in the table) the
-  // caller has already found, as the walk over the whole peer table has.
-  void evaluateSystem(SystemId const& systemId, Peer const* peer);
+  // handleSwitchConnection(systemId) for a system whose peer (or null: not in the table) and
+  // mount (or null) the caller has already found, as the walk over the whole peer table
+  // has. The decision holds the mount: nothing in it deletes one before its end.
+  void evaluateSystem(SystemId const& systemId, Peer const* peer,
+                      Vesk::Ptr<MountStateReactor> const& mount);
   // canMountFromSystem for a system whose mount (or null) and peer the caller holds: the
   // mount's status records keep the mounters' negotiated versions between decisions, and the
   // peer spares the versions' reading a search of the peer table.

@@ -130,5 +130,50 @@ TEST(HashMapIteration, ErasingInsertingAndClearingDuringAVisit) {
   EXPECT_EQ(m.size(), 1u);
 }
 
+// A cursor gives find()'s answer for every key, whatever changes between seeks: keys sought
+// in the order of a walk over another map, then out of order, then after a clear().
+TEST(HashMapCursor, AnswersAsFindDoesWhileTheMapChanges) {
+  HashMap<unsigned, int> walked;
+  for (unsigned i = 0; i < 2000; ++i) walked.emplace(i, 0);
+  HashMap<unsigned, int> m;
+  std::mt19937 rng(5);
+  for (unsigned i = 0; i < 2000; i += 3) m.emplace(i, int(i));
+  auto expectSameAsFind = [&](HashMap<unsigned, int>::Cursor& cursor, unsigned k) {
+    int* found = m.find(k);
+    int* sought = cursor.seek(k);
+    ASSERT_EQ(sought, found) << k;
+  };
+  {
+    HashMap<unsigned, int>::Cursor cursor(m);
+    for (auto& [k, v] : walked) {
+      switch (rng() % 8) {
+        case 0:
+          m.erase(k);
+          break;  // the sought key itself
+        case 1:
+          m.emplace(k, 1);
+          break;
+        case 2:
+          m.erase(unsigned(rng() % 2000));
+          break;  // anywhere, the cursor's own included
+        case 3:
+          m.emplace(unsigned(rng() % 4000), 2);
+          break;  // may grow the table
+        default:
+          break;
+      }
+      expectSameAsFind(cursor, k);
+    }
+    for (unsigned k : {7u, 3u, 3u, 1999u}) expectSameAsFind(cursor, k);  // out of order
+  }
+  HashMap<unsigned, int>::Cursor cursor(m);
+  unsigned seeks = 0;
+  for (auto& [k, v] : walked) {
+    if (++seeks == 100) m.clear();
+    if (seeks > 100 && seeks % 2) m.emplace(k, 3);
+    expectSameAsFind(cursor, k);
+  }
+}
+
 }  // namespace
 }  // namespace Vesk

@@ -185,6 +185,38 @@ void HashMapIterate(benchmark::State& state) {
 }
 BENCHMARK(HashMapIterate)->UseManualTime();
 
+// A walk over all 10,000 members of one map looking each key up in a second map that holds
+// a quarter of them (as a walk over the peers looks for each one's mount): a Cursor, which
+// steps through the second map in the walk's order, against find(). Per key sought.
+void HashMapSeek(benchmark::State& state) {
+  HashMap<Name, int> walked;
+  fill(walked);
+  HashMap<Name, int> sparse;
+  for (size_t i = 0; i < kKeys; i += 4) sparse.emplace(keys().stored[i], int(i));
+  paired(
+      state, kKeys, "HashMap find in the same walk",
+      [&] {
+        return elapsedNs([&] {
+          long sum = 0;
+          HashMap<Name, int>::Cursor cursor(sparse);
+          for (auto& [k, v] : walked) {
+            if (int const* found = cursor.seek(k)) sum += *found;
+          }
+          benchmark::DoNotOptimize(sum);
+        });
+      },
+      [&] {
+        return elapsedNs([&] {
+          long sum = 0;
+          for (auto& [k, v] : walked) {
+            if (int const* found = sparse.find(k)) sum += *found;
+          }
+          benchmark::DoNotOptimize(sum);
+        });
+      });
+}
+BENCHMARK(HashMapSeek)->UseManualTime();
+
 // ---------------------------------------------------------------------------------------
 // One attribute change delivered to N registered notifiees, against a loop of N plain
 // virtual calls. One operation is one change (N handler calls).

@@ -294,8 +294,7 @@ void MountsRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const*
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleSwitchConnection",
              " connection:", connection, " registered:", mount ? "true" : "false");
   doDisconnectSwitch(systemId, mount.ptr(), nullptr);
-  // The unmount may have dropped the mount, so the status update looks it up afresh.
-  updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr(), false);
+  updateSystemStatus(systemId, nullptr, false);  // an absent system's statuses go, mount or not
 }
 
 MountsRegistryEntrySm::ReevaluationBatch::~ReevaluationBatch() {
@@ -396,10 +395,6 @@ bool MountsRegistryEntrySm::connectionMatchesVersionFilter(Vesk::String const& c
   return systemId.stringValueIs(connection) && systemMatchesVersionFilter(systemId);
 }
 
-bool MountsRegistryEntrySm::systemMatchesVersionFilter(SystemId const& systemId) {
-  return systemMatchesVersionFilter(systemId, nullptr);
-}
-
 bool MountsRegistryEntrySm::systemMatchesVersionFilter(SystemId const& systemId, Peer const* peer) {
   for (auto const& [service, filter] : versionFilter_) {
     if (matchingServiceVersionFilter(service, systemId, peer)) return true;
@@ -416,11 +411,6 @@ bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& ser
     return false;
   }
   return matchingServiceVersionFilter(service, systemId);
-}
-
-bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& service,
-                                                         SystemId const& systemId) {
-  return matchingServiceVersionFilter(service, systemId, nullptr);
 }
 
 bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& service,
@@ -683,7 +673,8 @@ void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig c
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
   Vesk::Ptr<PeerTable const> peers = peerTable();
-  updateSystemStatus(systemId, mountSmDataSm_(systemId).ptr(), peers && peers->peer(systemId));
+  bool const present = peers && peers->peer(systemId);
+  updateSystemStatus(systemId, present ? mountSmDataSm_(systemId).ptr() : nullptr, present);
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountStateReactor* mount,

@@ -71,8 +71,10 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   // The same decisions for a system whose identity the caller holds: a connection is named
   // by its system's text form, so these skip parsing the name back.
   bool canMountFromSystem(SystemId const& systemId);
-  bool systemMatchesVersionFilter(SystemId const& systemId);
-  bool matchingServiceVersionFilter(Vesk::String const& service, SystemId const& systemId);
+  // `peer`, when given, is the system's peer, which the version reads then take as found.
+  bool systemMatchesVersionFilter(SystemId const& systemId, Peer const* peer = nullptr);
+  bool matchingServiceVersionFilter(Vesk::String const& service, SystemId const& systemId,
+                                    Peer const* peer = nullptr);
   bool mounterIsInterestedInConnection(Mounter const& mounter, Vesk::String const& connection);
   // `hints.memo`, when given, keeps the mounter's negotiated version on the system between
   // calls; `hints.peer` is the system's peer, when the caller has found it.
@@ -141,14 +143,11 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
   // mount's status records keep the mounters' negotiated versions between decisions, and the
   // peer spares the versions' reading a search of the peer table.
   bool canMountFromSystem(SystemId const& systemId, MountStateReactor* mount, Peer const* peer);
-  bool systemMatchesVersionFilter(SystemId const& systemId, Peer const* peer);
-  bool matchingServiceVersionFilter(Vesk::String const& service, SystemId const& systemId,
-                                    Peer const* peer);
   // The connect and disconnect of a decision, with the mount (or null) and the peer it found.
   void doConnectSwitch(SystemId const& systemId, Peer const& peer, MountStateReactor* mount);
   void doDisconnectSwitch(SystemId const& systemId, MountStateReactor* mount, Peer const* peer);
-  // updateSystemStatus for a system whose mount (or null) and presence in the peer table the
-  // caller has found.
+  // updateSystemStatus for a system whose presence in the peer table and mount (or null)
+  // the caller has found; only a present system's mount is read.
   void updateSystemStatus(SystemId const& systemId, MountStateReactor* mount, bool present);
   bool hasMounterCountingFor(Vesk::String const& service) const;
   void updateMountersStatus(SystemId const& systemId, MountState state, MountStateReactor* reactor,

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "framework/Assert.h"
+#include "framework/CloseOnExec.h"
 #include "framework/Exception.h"
 
 namespace Vesk {
@@ -33,7 +34,7 @@ std::byte* allocateImage(size_t bytes) {
 // Creates or truncates the file at `path` and writes `image` to it whole, which also
 // reserves its blocks: a full disk fails here, not at a later flush.
 std::FILE* createFile(String const& path, std::span<std::byte const> image) {
-  std::FILE* out = std::fopen(path.charPtr(), "wb");
+  std::FILE* out = std::fopen(path.charPtr(), "wb" VESK_CLOEXEC_MODE);
   if (!out) throwSystemError("cannot open trace file", path, errno);
   // Unbuffered: a flush is one write of the image straight from memory, with no stdio
   // buffer to allocate or to leave half written.

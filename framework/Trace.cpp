@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "framework/Assert.h"
+#include "framework/CloseOnExec.h"
 #include "framework/Exception.h"
 #include "framework/HashMap.h"
 
@@ -137,7 +138,7 @@ TextTraceState& textTrace() {
 
 // Appending and unbuffered, like stderr: each line goes out in one write as it is traced.
 std::FILE* openTextFile(String const& path) {
-  std::FILE* out = std::fopen(path.charPtr(), "a");
+  std::FILE* out = std::fopen(path.charPtr(), "a" VESK_CLOEXEC_MODE);
   if (out) std::setvbuf(out, nullptr, _IONBF, 0);
   return out;
 }

@@ -1,5 +1,6 @@
 #include "framework/Trace.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -253,10 +255,30 @@ TEST(TraceRegistry, HandlesAreFoundByNameAndNamesAreUnique) {
 
 // ---- text trace
 
+// Whether the process holds `path` open in a descriptor that is closed on exec: a program
+// the host starts must not inherit the trace files.
+::testing::AssertionResult closedOnExec(std::string const& path) {
+  for (auto const& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    if (std::filesystem::read_symlink(fd.path(), error) !=
+        std::filesystem::weakly_canonical(path)) {
+      continue;
+    }
+    if (::fcntl(std::stoi(fd.path().filename().string()), F_GETFD) & FD_CLOEXEC) {
+      return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << path << " would be inherited";
+  }
+  return ::testing::AssertionFailure() << path << " is not open";
+}
+
 TEST(TraceText, DetailAndMirroredMessagesBecomeTextLines) {
   std::string const path = tempPath("text");
   TraceText::fileIs(path);
   EXPECT_EQ(TraceText::file(), path);
+#ifdef __GLIBC__
+  EXPECT_TRUE(closedOnExec(path));
+#endif
   TraceHandle h("TraceTestText", true);
   int const routineLine = __LINE__ + 1;
   VESK_TRACE(h, 5, "routine ", 1);
@@ -293,6 +315,9 @@ void tracePeer(TraceHandle& h, int peer) { VESK_TRACE(h, 5, "peer ", peer); }
 TEST_F(TraceFileTest, CallSiteRegistersAgainWithEachNewFile) {
   TraceHandle h("TraceTestSwitch", true);
   std::string const first = file("first.flit");
+#ifdef __GLIBC__
+  EXPECT_TRUE(closedOnExec(first));
+#endif
   uint32_t const generation = Flitlog::generation();
   tracePeer(h, 1);
   std::string const second = file("second.flit");

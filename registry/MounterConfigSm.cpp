@@ -29,7 +29,7 @@ class MounterConfigSm::SystemFilterReactor
   void onIncludedSystem(Vesk::String const& system) override {
     VESK_TRACE(traceHandle, 5, "MounterConfigSm::SystemFilterReactor::onIncludedSystem",
                " system:", system);
-    owner_->handleIncludedSystem(system);
+    owner_->handleIncludedSystemChange(system);
   }
 };
 
@@ -185,6 +185,19 @@ void MounterConfigSm::handleIncludedSystem(Vesk::String const& system) {
     addSystemToConnectionFilter(system);
   } else {
     removeSystemFromConnectionFilter(system);
+  }
+}
+
+// A member of the watched filter changed. When the system stays in the entry's union filter
+// either way, the entry decides nothing again, yet this mounter's interest in the system
+// has changed, and with it what the mounter's service must see.
+void MounterConfigSm::handleIncludedSystemChange(Vesk::String const& system) {
+  bool const wasAdded = systemsAdded_.count(system) != 0;
+  handleIncludedSystem(system);
+  bool const added = systemsAdded_.count(system) != 0;
+  uint32_t const othersIncluding = mountsRegistryEntrySm_->connectionFilter(system) - added;
+  if (added != wasAdded && othersIncluding > 0) {
+    mountsRegistryEntrySm_->handleMounterInterest(*mounter_, system);
   }
 }
 

@@ -50,6 +50,7 @@ class MounterConfigSm : public Vesk::PtrInterface {
   class VersionFilterReactor;
 
   Vesk::String entryPath() const;
+  void handleIncludedSystemChange(Vesk::String const& system);
   void filtersReplaced();
   void removeStatusRecords();
 

@@ -700,6 +700,19 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountSt
   }
 }
 
+void MountsRegistryEntrySm::handleMounterInterest(Mounter const& mounter,
+                                                  Vesk::String const& connection) {
+  if (!initialized_ || cleaningUp_ || reevaluationPending_) return;  // a decision will follow
+  SystemId systemId;
+  if (!systemId.stringValueIs(connection)) return;  // a filter member that names no system
+  Vesk::Ptr<PeerTable const> peers = peerTable();
+  if (!peers || !peers->peer(systemId)) return;  // an absent system has no statuses
+  Vesk::Ptr<MountStateReactor> const mount = mountSmDataSm_(systemId);
+  updateSystemStatus(systemId, mount.ptr(), true);
+  MountState const state = mount ? mount->data()->mountState() : mountStateNotMounted;
+  updateMounterStatus(mounter, systemId, state, mount.ptr());
+}
+
 // ---- life cycle ---------------------------------------------------------------------------
 
 void MountsRegistryEntrySm::handleInitialized() {

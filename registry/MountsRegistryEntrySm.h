@@ -91,6 +91,10 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
                                   ServiceMountGroupStatus& groupStatus, MountState state,
                                   MountGroupSummaries::Place* place = nullptr);
   void updateSystemStatus(SystemId const& systemId);
+  // A mounter's own interest in a system has changed while the entry's decision has not (its
+  // system filter took the system in or out while another mounter's filter keeps it in the
+  // union): rewrites that mounter's status of the system without deciding it again.
+  void handleMounterInterest(Mounter const& mounter, Vesk::String const& connection);
   void handleInitialized();
   void doCleanup();
 

@@ -15,6 +15,12 @@ MountState MountGroupSummaries::walkedSummary(ServiceMountGroupStatus const& gro
   return allAgree ? state : mountStateNotMounted;
 }
 
+MountState MountGroupSummaries::walkedMembersSummary(ServiceMountGroupStatus const& group) {
+  auto const first = group.mountStatusMembers().begin();
+  if (first == group.mountStatusMembers().end()) return mountStateNotMounted;
+  return walkedSummary(group, first->second->mountState());
+}
+
 MountGroupSummaries::Counts* MountGroupSummaries::heldCounts(ServiceMountGroupStatus const& group,
                                                              Place* place) {
   if (place && *place < records_.size() && records_[*place].group.ptr() == &group) {
@@ -78,6 +84,8 @@ void MountGroupSummaries::mountStatusDel(ServiceMountGroupStatus& group, Vesk::N
   if (!status) return;
   group.mountStatusDel(path);
   memberDel(group, status->mountState());
+  // The summary counted the mount that left; what the group shows now comes from the rest.
+  group.mountStateIs(membersSummary(group));
 }
 
 void MountGroupSummaries::mountStateIs(ServiceMountGroupStatus& group, MountStatus& status,
@@ -136,6 +144,26 @@ MountState MountGroupSummaries::summary(ServiceMountGroupStatus& group, MountSta
   }
 #ifndef NDEBUG
   VESK_ASSERT(result == walkedSummary(group, state));
+#endif
+  return result;
+}
+
+MountState MountGroupSummaries::membersSummary(ServiceMountGroupStatus& group) {
+  Counts const& counts = countsOf(group, nullptr);
+  MountState result = mountStateNotMounted;
+  if (counts.members == 0) {
+    result = mountStateNotMounted;
+  } else if (counts.perState[slotOf(mountStateFailed)] != 0) {
+    result = mountStateFailed;
+  } else if (counts.perState[kCounted] != 0) {
+    result = walkedMembersSummary(group);  // rare states are counted together: walk
+  } else {
+    for (uint32_t slot = 0; slot < kCounted; ++slot) {
+      if (counts.perState[slot] == counts.members) result = MountState(slot);
+    }
+  }
+#ifndef NDEBUG
+  VESK_ASSERT(result == walkedMembersSummary(group));
 #endif
   return result;
 }

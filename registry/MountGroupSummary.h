@@ -8,7 +8,7 @@
 // so that every change is counted:
 //
 //   mountStatusIs(group, path)          adds the mount status unless it is there
-//   mountStatusDel(group, path)         removes it
+//   mountStatusDel(group, path)         removes it, and summarises the group's other mounts
 //   mountStateIs(group, status, state)  changes its state
 //   groupDel(group)                     the group status is being removed
 //
@@ -52,6 +52,11 @@ class MountGroupSummaries {
 
   // The same, computed by walking the group's mount statuses.
   static MountState walkedSummary(ServiceMountGroupStatus const& group, MountState state);
+
+  // The group's summary from its mounts alone, as after one of them has left it: not
+  // mounted when none is left.
+  MountState membersSummary(ServiceMountGroupStatus& group);
+  static MountState walkedMembersSummary(ServiceMountGroupStatus const& group);
 
  private:
   // States at or above kCounted are rare enough to be counted together; a summary that

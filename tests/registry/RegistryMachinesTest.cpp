@@ -282,10 +282,12 @@ TEST_F(RegistryMachines, TheGroupSummaryForgetsMountsThatLeaveTheGroup) {
 
   world.registry()->mountEntry("/a")->mounterDel("Foo");  // its cleanup takes /a's status
   ASSERT_FALSE(mountStatus(foo, s1, "g", "/a"));
-  settle("/b", s1, mountStateMounting);
-  settle("/b", s1, mountStateMounted);
   EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted)
       << "the failed mount left with its mounter";
+  settle("/b", s1, mountStateMounting);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateNotMounted) << "they disagree";
+  settle("/b", s1, mountStateMounted);
+  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted);
 
   settle("/b", s1, mountStateFailed);
   foo.config()->systemFilter("g")->includedSystemDel(s1.stringValue());
@@ -738,6 +740,10 @@ void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& w
       }
       if (status && made) {
         EXPECT_EQ(status->mountState(), state) << what;
+      }
+      if (grp) {
+        EXPECT_EQ(grp->mountState(), MountGroupSummaries::walkedMembersSummary(*grp))
+            << what << ": the summary of its group";
       }
     }
   }

@@ -724,10 +724,15 @@ void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& w
     bool const made =
         state == mountStateMounted || (expect.mountsMayFail && state == mountStateFailed);
     EXPECT_EQ(made, decision.mounted) << when << ": " << entry << " from " << system;
-    if (!world.peerTable()->peer(id)) continue;
+    bool const present = bool(world.peerTable()->peer(id));
     for (auto const& [service, m] :
          world.registry()->mountEntry(Vesk::Name(entry))->mounterMembers()) {
       auto const& svc = *m.ptr();
+      if (!present) {
+        EXPECT_FALSE(svc.serviceMountStatus()->systemStatus(Vesk::Name(system)))
+            << when << ": " << service << " still has a status of " << system << ", gone";
+        continue;
+      }
       auto group = Vesk::Name(svc.mounterName().groupName());
       auto sys = svc.serviceMountStatus()->systemStatus(Vesk::Name(system));
       auto grp = sys ? sys->serviceMountGroupStatus(group) : nullptr;

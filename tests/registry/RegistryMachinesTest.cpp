@@ -714,6 +714,9 @@ struct Expectations {
 void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& when,
                    Expectations expect = {}) {
   world.runUntilQuiet(600);
+  for (auto const& [name, entrySm] : sm.mountsRegistryEntrySms().members()) {
+    EXPECT_TRUE(world.registry()->mountEntry(name)) << when << ": a machine outlives " << name;
+  }
   for (auto const& [key, decision] : Sim::expectedMounts(world)) {
     auto const& [entry, system] = key;
     SystemId id;
@@ -804,8 +807,9 @@ TEST_F(RegistryAgainstReference, EveryStepOfAMixedScenarioMatchesTheReference) {
 
 // One seeded run of random steps of what services and sibling components do, on a small
 // world of four services whose groups cover every kind of filter, with entries shared
-// between them. Some steps are checked against the reference once the mounts settle; the
-// others land while earlier mounts are still on their way.
+// between them; entries go, and come back with their mounters. Some steps are checked
+// against the reference once the mounts settle; the others land while earlier mounts are
+// still on their way.
 class RandomRun {
  public:
   RandomRun(uint64_t seed, double failureProbability)
@@ -881,7 +885,7 @@ class RandomRun {
     SystemId const s = anySystem();
     std::string const on = " on " + std::string(s.stringValue().view());
     bool const connected = world_.connected(s);
-    switch (rng_.below(10)) {
+    switch (rng_.below(12)) {
       case 0:
         if (connected) {
           world_.removeSwitch(s);
@@ -976,6 +980,16 @@ class RandomRun {
         bool const preserve = rng_.chance(0.5);
         services_[m.service].groupIs(m.group, preserve);
         return std::string(preserve ? "preserve " : "do not preserve ") + m.group;
+      }
+      case 9: {
+        Mount const& m = mounts_[rng_.below(mounts_.size())];
+        world_.registry()->mountEntryDel(Vesk::Name(m.path));  // its mounters come back one by one
+        return std::string("entry gone: ") + m.path;
+      }
+      case 10: {
+        bool const established = rng_.chance(0.5);
+        world_.establishedIs(established);
+        return established ? "established" : "not established";
       }
       default:
         world_.advance(rng_.uniform(0.0, 2.0));

@@ -880,6 +880,27 @@ class RandomRun {
     }
   }
 
+  // Marks the switch inactive: each of its mounts is unmounted at once, state-preservingly
+  // exactly where the reference says the entry's groups ask for it.
+  void goInactive(SystemId const& s) {
+    using Request = Controller::MountDriver::Request;
+    Sim::AutoMountDriver const& driver = *world_.autoMountDriver();
+    uint64_t const preservingBefore = driver.requests(Request::statePreservingUnmount);
+    uint64_t const fullBefore = driver.requests(Request::unmount);
+    std::vector<std::string> mounted;
+    for (auto const& [name, entrySm] : sm_->mountsRegistryEntrySms().members()) {
+      if (entrySm->mountSm(s)) mounted.push_back(std::string(name.view()));
+    }
+    world_.inactiveIs(s, true);
+    Sim::ExpectedMounts const expected = Sim::expectedMounts(world_);
+    uint64_t preserving = 0;
+    for (std::string const& entry : mounted) {
+      preserving += expected.at({entry, std::string(s.stringValue().view())}).preserveState;
+    }
+    EXPECT_EQ(driver.requests(Request::statePreservingUnmount) - preservingBefore, preserving);
+    EXPECT_EQ(driver.requests(Request::unmount) - fullBefore, mounted.size() - preserving);
+  }
+
   // Takes one random step and says which.
   std::string step() {
     SystemId const s = anySystem();
@@ -932,7 +953,7 @@ class RandomRun {
       case 4:
         // An inactive switch is on its way out: it is removed a moment later.
         if (!connected) return "nothing";
-        world_.inactiveIs(s, true);
+        goInactive(s);
         world_.advance(rng_.uniform(0.0, 0.3));
         world_.removeSwitch(s);
         return "inactive, then removed" + on;

@@ -150,14 +150,12 @@ MountState MountGroupSummaries::summary(ServiceMountGroupStatus& group, MountSta
 
 MountState MountGroupSummaries::membersSummary(ServiceMountGroupStatus& group) {
   Counts const& counts = countsOf(group, nullptr);
-  MountState result = mountStateNotMounted;
-  if (counts.members == 0) {
-    result = mountStateNotMounted;
-  } else if (counts.perState[slotOf(mountStateFailed)] != 0) {
+  MountState result = mountStateNotMounted;  // none is left, or they disagree
+  if (counts.perState[slotOf(mountStateFailed)] != 0) {
     result = mountStateFailed;
   } else if (counts.perState[kCounted] != 0) {
     result = walkedMembersSummary(group);  // rare states are counted together: walk
-  } else {
+  } else if (counts.members != 0) {
     for (uint32_t slot = 0; slot < kCounted; ++slot) {
       if (counts.perState[slot] == counts.members) result = MountState(slot);
     }

@@ -220,6 +220,10 @@ Vesk::Ptr<PeerTable const> MountsRegistryEntrySm::peerTable() const {
 
 void MountsRegistryEntrySm::handleMounter(Vesk::String const& serviceKey) {
   VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter", " service:", serviceKey);
+  // The systems are decided once, after the mounter's filters have all been folded into the
+  // entry's union filters (or taken out of them): decided halfway, a system that only one
+  // of the filters turns away would be mounted and unmounted again at once.
+  ReevaluationBatch batch(*this);
   evaluateMounters();
   if (Vesk::Ptr<Mounter> mounter = registryEntry_->mounter(serviceKey)) {
     if (!mounterConfigSm_(serviceKey)) {
@@ -249,6 +253,7 @@ bool MountsRegistryEntrySm::hasMounterCountingFor(Vesk::String const& service) c
 }
 
 void MountsRegistryEntrySm::handleMounter() {
+  ReevaluationBatch batch(*this);
   for (auto const& [key, mounter] : registryEntry_->mounterMembers()) handleMounter(key);
 }
 

@@ -59,6 +59,7 @@ uint32_t AutoMountDriver::failedAttempts(MountSm const& sm) const {
 
 void AutoMountDriver::onRequest(MountSm& sm, Request request) {
   ++requests_[size_t(request)];
+  if (requestObserver_) requestObserver_(sm, request);
   switch (request) {
     case Request::mount:
     case Request::remount: {

@@ -35,6 +35,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -81,6 +82,10 @@ class AutoMountDriver : public Controller::MountDriver {
   uint32_t failedAttempts(Controller::MountSm const& sm) const;
   // Requests received, per kind, over the driver's lifetime.
   uint64_t requests(Request request) const { return requests_[size_t(request)]; }
+  // Called with every request as it arrives, before the driver acts on it; a test may judge
+  // each request at the moment it is made. Null for none.
+  using RequestObserver = std::function<void(Controller::MountSm const&, Request)>;
+  void requestObserverIs(RequestObserver observer) { requestObserver_ = std::move(observer); }
 
  private:
   enum class Step { connect, mounting, finish, timeout, unmounted };
@@ -105,6 +110,7 @@ class AutoMountDriver : public Controller::MountDriver {
   // they are freed at the next turn.
   std::vector<std::unique_ptr<Mount>> retired_;
   std::array<uint64_t, 5> requests_{};
+  RequestObserver requestObserver_;
 };
 
 // A driver that only records requests; a test then writes mountState by hand.

@@ -176,6 +176,16 @@ TEST_F(RegistryMachines, VersionFilterNarrowsBeforeTheSystemFilter) {
 
   world.renegotiate(s2, "Foo", 2);  // a renegotiated version re-evaluates the connection
   EXPECT_EQ(decisions(), (std::vector<Record>{req(s2, "/a", Request::mount)}));
+
+  // A mounter that arrives with both filters is decided with both folded in: s3 passes its
+  // system filter but not its version filter, and is not mounted on the way.
+  auto bar = world.declareService("barAgent", "Bar");
+  bar.mountIs("h", "/b");
+  bar.versionFilterIs("h", {2});
+  bar.systemFilterIs("h", {s3});
+  world.negotiate(s3, "Bar", 1);
+  world.registryMounterIs(bar, "h", "/b");
+  EXPECT_TRUE(requests().empty());
 }
 
 TEST_F(RegistryMachines, AnEntryWithOnlyVersionFiltersMountsEveryPassingConnection) {
@@ -825,13 +835,22 @@ class RandomRun {
     services_[3].versionFilterIs("both", {1});
     services_[3].systemFilterIs("both", {Sim::World::systemOf(2), Sim::World::systemOf(4)});
     for (unsigned i = 1; i <= kSwitches; i += 2) world_.connectSwitch(i);
+    world_.autoMountDriver()->requestObserverIs(
+        [this](MountSm const& sm, Controller::MountDriver::Request request) {
+          judge(sm, request);
+        });
     sm_ = world_.startRegistry();
   }
-  ~RandomRun() { sm_->doCleanup(); }
+  ~RandomRun() {
+    world_.autoMountDriver()->requestObserverIs(nullptr);  // a registry that stops unmounts all
+    sm_->doCleanup();
+  }
 
   void run(int steps) {
     for (int i = 0; i < steps && !::testing::Test::HasFailure(); ++i) {
+      current_ = "step " + std::to_string(i);
       std::string const what = step();
+      current_ += " (" + what + ")";
       if (rng_.chance(0.4)) {
         expectMatches(world_, *sm_, "step " + std::to_string(i) + " (" + what + ")", expect_);
       } else {
@@ -899,6 +918,23 @@ class RandomRun {
     }
     EXPECT_EQ(driver.requests(Request::statePreservingUnmount) - preservingBefore, preserving);
     EXPECT_EQ(driver.requests(Request::unmount) - fullBefore, mounted.size() - preserving);
+  }
+
+  // Each request must follow from the records as they stand when it is made: a mount or a
+  // remount where the reference mounts, an unmount where it does not.
+  void judge(MountSm const& sm, Controller::MountDriver::Request request) {
+    using Request = Controller::MountDriver::Request;
+    if (request == Request::cleanup) return;
+    if (!world_.registry()->mountEntry(Vesk::Name(sm.path()))) return;  // the entry is going
+    Sim::ExpectedMounts const expected = Sim::expectedMounts(world_);
+    auto const found = expected.find(
+        {std::string(sm.path().view()), std::string(sm.system().stringValue().view())});
+    bool const mounted = found != expected.end() && found->second.mounted;
+    bool const mounting = request == Request::mount || request == Request::remount;
+    static constexpr char const* kNames[] = {"mount", "remount", "unmount",
+                                             "state-preserving unmount", "cleanup"};
+    EXPECT_EQ(mounting, mounted) << kNames[int(request)] << " of " << sm.path() << " from "
+                                 << sm.system().stringValue() << " during " << current_;
   }
 
   // Takes one random step and says which.
@@ -1021,6 +1057,7 @@ class RandomRun {
   Sim::World world_;
   Sim::Rng rng_;
   Expectations const expect_;
+  std::string current_ = "the start";
   std::array<Sim::ServiceDeclaration, 4> services_;
   std::vector<Mount> mounts_;
   Vesk::Ptr<MountsRegistrySm> sm_;

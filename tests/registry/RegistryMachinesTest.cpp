@@ -937,12 +937,36 @@ class RandomRun {
                                  << sm.system().stringValue() << " during " << current_;
   }
 
+  // Points a filtered group at its filter, or at none (which may make the entry a wildcard
+  // mount).
+  std::string toggleFilter() {
+    struct Filtered {
+      unsigned service;
+      char const* group;
+      bool systems;
+    };
+    static constexpr Filtered kFiltered[] = {
+        {1, "v", false}, {2, "few", true}, {3, "both", true}, {3, "both", false}};
+    Filtered const& f = kFiltered[rng_.below(std::size(kFiltered))];
+    auto const& config = services_[f.service].config();
+    auto group = config->mountGroupConfig(f.group);
+    std::string const which = std::string(f.group) + (f.systems ? " systems" : " versions");
+    if (f.systems) {
+      bool const on = !group->systemFilter();
+      group->systemFilterIs(on ? config->systemFilter(f.group) : nullptr);
+      return (on ? "filter back: " : "filter off: ") + which;
+    }
+    bool const on = !group->versionFilter();
+    group->versionFilterIs(on ? config->versionFilter(f.group) : nullptr);
+    return (on ? "filter back: " : "filter off: ") + which;
+  }
+
   // Takes one random step and says which.
   std::string step() {
     SystemId const s = anySystem();
     std::string const on = " on " + std::string(s.stringValue().view());
     bool const connected = world_.connected(s);
-    switch (rng_.below(12)) {
+    switch (rng_.below(13)) {
       case 0:
         if (connected) {
           world_.removeSwitch(s);
@@ -1048,6 +1072,8 @@ class RandomRun {
         world_.establishedIs(established);
         return established ? "established" : "not established";
       }
+      case 11:
+        return toggleFilter();
       default:
         world_.advance(rng_.uniform(0.0, 2.0));
         return "time passes";

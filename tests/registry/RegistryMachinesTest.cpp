@@ -816,8 +816,9 @@ TEST_F(RegistryAgainstReference, EveryStepOfAMixedScenarioMatchesTheReference) {
 // ---- random steps against the reference ----------------------------------------------------
 
 // One seeded run of random steps of what services and sibling components do, on a small
-// world of four services whose groups cover every kind of filter, with entries shared
-// between them; entries go, and come back with their mounters. Some steps are checked
+// world of four services whose groups cover every kind of filter (one service with two
+// groups), with entries shared between them; entries go, and come back with their
+// mounters. Some steps are checked
 // against the reference once the mounts settle; the others land while earlier mounts are
 // still on their way.
 class RandomRun {
@@ -830,6 +831,8 @@ class RandomRun {
     declare(1, "barAgent", "Bar", false, "v", {"/b", "/c"});
     declare(2, "bazAgent", "Baz", false, "few", {"/c", "/d"});
     declare(3, "quxProxy", "Qux-Proxy", true, "both", {"/a", "/d"});
+    groupIs(0, "some", {"/c"});  // a second group of Foo: its statuses share Foo's systems'
+    services_[0].systemFilterIs("some", {Sim::World::systemOf(3), Sim::World::systemOf(5)});
     services_[1].versionFilterIs("v", {2});
     services_[2].systemFilterIs("few", {Sim::World::systemOf(1), Sim::World::systemOf(3)});
     services_[3].versionFilterIs("both", {1});
@@ -872,6 +875,9 @@ class RandomRun {
   void declare(unsigned k, char const* agent, char const* service, bool proxy, char const* group,
                std::initializer_list<char const*> paths) {
     services_[k] = world_.declareService(agent, service, proxy);
+    groupIs(k, group, paths);
+  }
+  void groupIs(unsigned k, char const* group, std::initializer_list<char const*> paths) {
     services_[k].groupIs(group);
     for (char const* path : paths) {
       services_[k].mountIs(group, path);
@@ -945,8 +951,11 @@ class RandomRun {
       char const* group;
       bool systems;
     };
-    static constexpr Filtered kFiltered[] = {
-        {1, "v", false}, {2, "few", true}, {3, "both", true}, {3, "both", false}};
+    static constexpr Filtered kFiltered[] = {{1, "v", false},
+                                             {2, "few", true},
+                                             {3, "both", true},
+                                             {3, "both", false},
+                                             {0, "some", true}};
     Filtered const& f = kFiltered[rng_.below(std::size(kFiltered))];
     auto const& config = services_[f.service].config();
     auto group = config->mountGroupConfig(f.group);
@@ -1018,17 +1027,17 @@ class RandomRun {
         world_.removeSwitch(s);
         return "inactive, then removed" + on;
       case 5: {
-        bool const few = rng_.chance(0.5);
-        auto filter = few ? services_[2].config()->systemFilter("few")
-                          : services_[3].config()->systemFilter("both");
-        std::string const name = few ? "few" : "both";
+        static constexpr std::pair<unsigned, char const*> kSystemFilters[] = {
+            {2, "few"}, {3, "both"}, {0, "some"}};
+        auto const& [k, name] = kSystemFilters[rng_.below(std::size(kSystemFilters))];
+        auto filter = services_[k].config()->systemFilter(name);
         if (rng_.chance(0.3)) {
           filter->includedSystemDel(s.stringValue());
-          return "filter " + name + " drops" + on;
+          return "filter " + std::string(name) + " drops" + on;
         }
         bool const included = rng_.chance(0.7);
         filter->includedSystemIs(s.stringValue(), included);
-        return "filter " + name + (included ? " includes" : " excludes") + on;
+        return "filter " + std::string(name) + (included ? " includes" : " excludes") + on;
       }
       case 6: {
         bool const v = rng_.chance(0.5);

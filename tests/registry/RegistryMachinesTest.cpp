@@ -823,8 +823,9 @@ TEST_F(RegistryAgainstReference, EveryStepOfAMixedScenarioMatchesTheReference) {
 // still on their way.
 class RandomRun {
  public:
-  RandomRun(uint64_t seed, double failureProbability)
-      : world_(settlingDriver(seed, failureProbability)),
+  RandomRun(uint64_t seed, double failureProbability, unsigned switches = 6)
+      : switches_(switches),
+        world_(settlingDriver(seed, failureProbability)),
         rng_(seed),
         expect_{false, failureProbability > 0} {
     declare(0, "fooAgent", "Foo", false, "all", {"/a", "/b"});
@@ -837,7 +838,7 @@ class RandomRun {
     services_[2].systemFilterIs("few", {Sim::World::systemOf(1), Sim::World::systemOf(3)});
     services_[3].versionFilterIs("both", {1});
     services_[3].systemFilterIs("both", {Sim::World::systemOf(2), Sim::World::systemOf(4)});
-    for (unsigned i = 1; i <= kSwitches; i += 2) world_.connectSwitch(i);
+    for (unsigned i = 1; i <= switches_; i += 2) world_.connectSwitch(i);
     world_.autoMountDriver()->requestObserverIs(
         [this](MountSm const& sm, Controller::MountDriver::Request request) {
           judge(sm, request);
@@ -864,7 +865,6 @@ class RandomRun {
   }
 
  private:
-  static constexpr unsigned kSwitches = 6;
   static constexpr char const* kRealServices[] = {"Foo", "Bar", "Baz", "Qux"};
   struct Mount {
     unsigned service;
@@ -886,7 +886,7 @@ class RandomRun {
     }
   }
 
-  SystemId anySystem() { return Sim::World::systemOf(1 + unsigned(rng_.below(kSwitches))); }
+  SystemId anySystem() { return Sim::World::systemOf(1 + unsigned(rng_.below(switches_))); }
   Vesk::Name anyService() { return Vesk::Name(kRealServices[rng_.below(4)]); }
   uint32_t anyVersion() { return uint32_t(1 + rng_.below(3)); }
   Sim::Negotiation anyOutcome() {
@@ -1089,6 +1089,7 @@ class RandomRun {
     }
   }
 
+  unsigned const switches_;
   Sim::World world_;
   Sim::Rng rng_;
   Expectations const expect_;
@@ -1107,6 +1108,17 @@ TEST(RegistryRandomSteps, EverySettledMomentOfManySeedsMatchesTheReference) {
       SCOPED_TRACE("seed " + std::to_string(seed) + ", failures " + std::to_string(failures));
       RandomRun(seed, failures).run(150);
     }
+  }
+  EXPECT_EQ(Vesk::liveObjectTotal(), baseline) << "a run left objects behind";
+}
+
+// Fewer, longer runs over more switches: the entries' collections grow and shrink through
+// many sizes while whole-table walks go over them.
+TEST(RegistryRandomSteps, LongRunsOverMoreSwitchesMatchTheReference) {
+  long const baseline = Vesk::liveObjectTotal();
+  for (uint64_t seed = 1; seed <= 6 && !::testing::Test::HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RandomRun(seed, 0.0, 40).run(600);
   }
   EXPECT_EQ(Vesk::liveObjectTotal(), baseline) << "a run left objects behind";
 }

@@ -759,6 +759,12 @@ void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& w
       if (status && made) {
         EXPECT_EQ(status->mountState(), state) << what;
       }
+      if (status && state == mountStateMounted) {
+        EXPECT_EQ(status->mountedPath(), entrySm->mountSm(id)->targetPath() + entry) << what;
+      }
+      if (status) {
+        EXPECT_TRUE(grp->processed()) << what << ": its group is not processed";
+      }
       if (grp) {
         EXPECT_EQ(grp->mountState(), MountGroupSummaries::walkedMembersSummary(*grp))
             << what << ": the summary of its group";

@@ -15,10 +15,18 @@ MountState MountGroupSummaries::walkedSummary(ServiceMountGroupStatus const& gro
   return allAgree ? state : mountStateNotMounted;
 }
 
-MountState MountGroupSummaries::walkedMembersSummary(ServiceMountGroupStatus const& group) {
+namespace {
+// The state of one of the group's mounts (not mounted when it has none): the state they all
+// share, if they agree.
+MountState someMemberState(ServiceMountGroupStatus const& group) {
   auto const first = group.mountStatusMembers().begin();
-  if (first == group.mountStatusMembers().end()) return mountStateNotMounted;
-  return walkedSummary(group, first->second->mountState());
+  return first == group.mountStatusMembers().end() ? mountStateNotMounted
+                                                   : first->second->mountState();
+}
+}  // namespace
+
+MountState MountGroupSummaries::walkedMembersSummary(ServiceMountGroupStatus const& group) {
+  return walkedSummary(group, someMemberState(group));
 }
 
 MountGroupSummaries::Counts* MountGroupSummaries::heldCounts(ServiceMountGroupStatus const& group,
@@ -149,21 +157,7 @@ MountState MountGroupSummaries::summary(ServiceMountGroupStatus& group, MountSta
 }
 
 MountState MountGroupSummaries::membersSummary(ServiceMountGroupStatus& group) {
-  Counts const& counts = countsOf(group, nullptr);
-  MountState result = mountStateNotMounted;  // none is left, or they disagree
-  if (counts.perState[slotOf(mountStateFailed)] != 0) {
-    result = mountStateFailed;
-  } else if (counts.perState[kCounted] != 0) {
-    result = walkedMembersSummary(group);  // rare states are counted together: walk
-  } else if (counts.members != 0) {
-    for (uint32_t slot = 0; slot < kCounted; ++slot) {
-      if (counts.perState[slot] == counts.members) result = MountState(slot);
-    }
-  }
-#ifndef NDEBUG
-  VESK_ASSERT(result == walkedMembersSummary(group));
-#endif
-  return result;
+  return summary(group, someMemberState(group));
 }
 
 }  // namespace Controller

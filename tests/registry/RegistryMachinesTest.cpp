@@ -824,12 +824,11 @@ TEST_F(RegistryAgainstReference, EveryStepOfAMixedScenarioMatchesTheReference) {
 // One seeded run of random steps of what services and sibling components do, on a small
 // world of four services whose groups cover every kind of filter (one service with two
 // groups), with entries shared between them; entries go, and come back with their
-// mounters. Some steps are checked
-// against the reference once the mounts settle; the others land while earlier mounts are
-// still on their way.
+// mounters. Some steps are checked against the reference once the mounts settle; the
+// others land while earlier mounts are still on their way.
 class RandomRun {
  public:
-  RandomRun(uint64_t seed, double failureProbability, unsigned switches = 6)
+  RandomRun(uint64_t seed, double failureProbability, unsigned switches)
       : switches_(switches),
         world_(settlingDriver(seed, failureProbability)),
         rng_(seed),
@@ -859,10 +858,9 @@ class RandomRun {
   void run(int steps) {
     for (int i = 0; i < steps && !::testing::Test::HasFailure(); ++i) {
       current_ = "step " + std::to_string(i);
-      std::string const what = step();
-      current_ += " (" + what + ")";
+      current_ += " (" + step() + ")";
       if (rng_.chance(0.4)) {
-        expectMatches(world_, *sm_, "step " + std::to_string(i) + " (" + what + ")", expect_);
+        expectMatches(world_, *sm_, current_, expect_);
       } else {
         world_.advance(rng_.uniform(0.0, 0.3));
       }
@@ -965,15 +963,14 @@ class RandomRun {
     Filtered const& f = kFiltered[rng_.below(std::size(kFiltered))];
     auto const& config = services_[f.service].config();
     auto group = config->mountGroupConfig(f.group);
-    std::string const which = std::string(f.group) + (f.systems ? " systems" : " versions");
+    bool const on = f.systems ? !group->systemFilter() : !group->versionFilter();
     if (f.systems) {
-      bool const on = !group->systemFilter();
       group->systemFilterIs(on ? config->systemFilter(f.group) : nullptr);
-      return (on ? "filter back: " : "filter off: ") + which;
+    } else {
+      group->versionFilterIs(on ? config->versionFilter(f.group) : nullptr);
     }
-    bool const on = !group->versionFilter();
-    group->versionFilterIs(on ? config->versionFilter(f.group) : nullptr);
-    return (on ? "filter back: " : "filter off: ") + which;
+    return (on ? "filter back: " : "filter off: ") + std::string(f.group) +
+           (f.systems ? " systems" : " versions");
   }
 
   // Takes one random step and says which.
@@ -1105,29 +1102,26 @@ class RandomRun {
   Vesk::Ptr<MountsRegistrySm> sm_;
 };
 
-// Each seed a run of its own; with failures, mounts that must be made settle mounted or
-// failed, and each service sees the state they settled in.
-TEST(RegistryRandomSteps, EverySettledMomentOfManySeedsMatchesTheReference) {
+// Runs seeds 1 to `seeds`, each a run of its own, and checks that they left nothing behind.
+void runSeeds(uint64_t seeds, double failures, unsigned switches, int steps) {
   long const baseline = Vesk::liveObjectTotal();
-  for (double failures : {0.0, 0.6}) {
-    for (uint64_t seed = 1; seed <= 60 && !::testing::Test::HasFailure(); ++seed) {
-      SCOPED_TRACE("seed " + std::to_string(seed) + ", failures " + std::to_string(failures));
-      RandomRun(seed, failures).run(150);
-    }
+  for (uint64_t seed = 1; seed <= seeds && !::testing::Test::HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed) + ", failures " + std::to_string(failures));
+    RandomRun(seed, failures, switches).run(steps);
   }
   EXPECT_EQ(Vesk::liveObjectTotal(), baseline) << "a run left objects behind";
 }
 
+// With failures, mounts that must be made settle mounted or failed, and each service sees
+// the state they settled in.
+TEST(RegistryRandomSteps, EverySettledMomentOfManySeedsMatchesTheReference) {
+  runSeeds(60, 0.0, 6, 150);
+  runSeeds(60, 0.6, 6, 150);
+}
+
 // Fewer, longer runs over more switches: the entries' collections grow and shrink through
 // many sizes while whole-table walks go over them.
-TEST(RegistryRandomSteps, LongRunsOverMoreSwitchesMatchTheReference) {
-  long const baseline = Vesk::liveObjectTotal();
-  for (uint64_t seed = 1; seed <= 6 && !::testing::Test::HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    RandomRun(seed, 0.0, 40).run(600);
-  }
-  EXPECT_EQ(Vesk::liveObjectTotal(), baseline) << "a run left objects behind";
-}
+TEST(RegistryRandomSteps, LongRunsOverMoreSwitchesMatchTheReference) { runSeeds(6, 0.0, 40, 600); }
 
 }  // namespace
 }  // namespace Controller

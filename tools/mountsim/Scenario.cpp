@@ -55,10 +55,14 @@ class Scenario {
   unsigned run() {
     declare();
     registry_ = world_.startRegistry();
-    StatusWatcher plain(world_.mountStatusDir(), world_.clock(), printer());
-    StatusWatcher proxies(world_.proxyMountStatusDir(), world_.clock(), printer());
-    timeline();
-    world_.runUntilQuiet(600.0);
+    {
+      // Only the scenario's changes are printed: stopping the registry at the end removes
+      // every status, which is not news.
+      StatusWatcher plain(world_.mountStatusDir(), world_.clock(), printer());
+      StatusWatcher proxies(world_.proxyMountStatusDir(), world_.clock(), printer());
+      timeline();
+      world_.runUntilQuiet(600.0);
+    }
     printTree();
     unsigned disagreements = check();
     registry_->doCleanup();

@@ -1,8 +1,13 @@
 #include "Schema.h"
 
+#include <cctype>
+#include <charconv>
 #include <fstream>
+#include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 namespace vgen {
 
@@ -39,6 +44,35 @@ std::vector<std::string> tokens(std::string const& text) {
   return out;
 }
 
+bool isIdentifier(std::string_view t) {
+  if (t.empty() || std::isdigit(static_cast<unsigned char>(t.front()))) return false;
+  for (char c : t) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_') return false;
+  }
+  return true;
+}
+
+// A name the generated C++ uses as it is: an identifier, or for a namespace identifiers
+// joined by "::".
+std::string const& checkedName(LineReader const& r, std::string const& t, bool qualified = false) {
+  std::string_view rest(t);
+  for (size_t at; qualified && (at = rest.find("::")) != std::string_view::npos;) {
+    if (!isIdentifier(rest.substr(0, at))) break;
+    rest.remove_prefix(at + 2);
+  }
+  if (!isIdentifier(rest)) r.fail("'" + t + "' is not a name");
+  return t;
+}
+
+unsigned enumeratorValue(LineReader const& r, std::string const& t) {
+  unsigned value = 0;
+  auto [end, error] = std::from_chars(t.data(), t.data() + t.size(), value);
+  if (error != std::errc() || end != t.data() + t.size()) {
+    r.fail("expected a number from 0 to 4294967295, got '" + t + "'");
+  }
+  return value;
+}
+
 std::string unquote(LineReader const& r, std::string const& t) {
   if (t.size() < 2 || t.front() != '"' || t.back() != '"') r.fail("expected a quoted text");
   return t.substr(1, t.size() - 2);
@@ -49,7 +83,7 @@ Attr readAttr(LineReader const& r, AttrKind kind, std::vector<std::string> const
   if (t.size() < 4 || t[2] != ":") r.fail("expected '" + t[0] + " <name> : <type>'");
   Attr a;
   a.kind = kind;
-  a.name = t[1];
+  a.name = checkedName(r, t[1]);
   a.line = r.line;
   size_t i = 3;
   auto readType = [&]() {
@@ -86,6 +120,38 @@ Attr readAttr(LineReader const& r, AttrKind kind, std::vector<std::string> const
   return a;
 }
 
+std::optional<AttrKind> attrKind(std::string const& statement) {
+  if (statement == "key") return AttrKind::key;
+  if (statement == "param") return AttrKind::param;
+  if (statement == "attr") return AttrKind::scalar;
+  if (statement == "collection") return AttrKind::collection;
+  if (statement == "owned") return AttrKind::owned;
+  if (statement == "parent") return AttrKind::parent;
+  return std::nullopt;
+}
+
+// Each name below is a member of the generated type, so each may appear once.
+void addAttr(LineReader const& r, Entity& entity, Attr attr) {
+  for (Attr const& a : entity.attrs) {
+    if (a.name == attr.name) r.fail("entity " + entity.name + " already has " + attr.name);
+  }
+  entity.attrs.push_back(std::move(attr));
+}
+
+// The generated enum prints and parses each value by its one enumerator.
+void addEnumerator(LineReader const& r, Enum& en, std::string const& name, unsigned value) {
+  for (auto const& [n, v] : en.values) {
+    if (n == name) r.fail("enum " + en.name + " already has " + name);
+    if (v == value) r.fail("enum " + en.name + " already has the value " + std::to_string(value));
+  }
+  en.values.emplace_back(name, value);
+}
+
+void declareType(LineReader const& r, std::set<std::string>& types, std::string const& ns,
+                 std::string const& name) {
+  if (!types.insert(ns + "::" + name).second) r.fail(name + " is declared twice");
+}
+
 }  // namespace
 
 Entity const* Schema::entity(std::string const& n) const {
@@ -111,6 +177,7 @@ Schema parseSchema(std::string const& path) {
   std::string ns;
   Entity* entity = nullptr;
   Enum* en = nullptr;
+  std::set<std::string> types;  // qualified names of the enums and entities so far
   std::string text;
   while (std::getline(in, text)) {
     ++r.line;
@@ -123,20 +190,10 @@ Schema parseSchema(std::string const& path) {
       en = nullptr;
     } else if (en) {
       if (t.size() != 3 || t[1] != "=") r.fail("expected '<enumerator> = <number>'");
-      en->values.emplace_back(t[0], unsigned(std::stoul(t[2])));
+      addEnumerator(r, *en, checkedName(r, t[0]), enumeratorValue(r, t[2]));
     } else if (entity) {
-      if (w == "key") {
-        entity->attrs.push_back(readAttr(r, AttrKind::key, t));
-      } else if (w == "param") {
-        entity->attrs.push_back(readAttr(r, AttrKind::param, t));
-      } else if (w == "attr") {
-        entity->attrs.push_back(readAttr(r, AttrKind::scalar, t));
-      } else if (w == "collection") {
-        entity->attrs.push_back(readAttr(r, AttrKind::collection, t));
-      } else if (w == "owned") {
-        entity->attrs.push_back(readAttr(r, AttrKind::owned, t));
-      } else if (w == "parent") {
-        entity->attrs.push_back(readAttr(r, AttrKind::parent, t));
+      if (std::optional<AttrKind> kind = attrKind(w)) {
+        addAttr(r, *entity, readAttr(r, *kind, t));
       } else if (w == "declare") {
         if (t.size() != 2) r.fail("expected 'declare \"<declaration>\"'");
         entity->declares.push_back(unquote(r, t[1]));
@@ -147,15 +204,17 @@ Schema parseSchema(std::string const& path) {
         r.fail("unknown entity statement '" + w + "'");
       }
     } else if (w == "module" && t.size() == 2) {
-      s.module = t[1];
+      s.module = checkedName(r, t[1]);
     } else if (w == "namespace" && t.size() == 2) {
-      ns = t[1];
+      ns = checkedName(r, t[1], /*qualified=*/true);
     } else if (w == "include" && t.size() == 2) {
       s.includes.push_back(unquote(r, t[1]));
     } else if (w == "enum" && t.size() == 2) {
+      declareType(r, types, ns, checkedName(r, t[1]));
       s.enums.push_back(Enum{t[1], ns, {}});
       en = &s.enums.back();
     } else if (w == "entity" && t.size() >= 2) {
+      declareType(r, types, ns, checkedName(r, t[1]));
       Entity fresh;
       fresh.name = t[1];
       fresh.ns = ns;

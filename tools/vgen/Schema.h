@@ -33,6 +33,11 @@
 // Types: String, Name, bool, u32, u64, Seconds; @T for a pointer to an entity, @const T for
 // a pointer to a const entity; any other name (an enumeration of this schema, or a value
 // type from an included header) is used as it is.
+//
+// Names are C++ identifiers (a namespace: identifiers joined by "::"). A type is declared
+// once per namespace, an attribute once per entity, and an enumerator name or value once
+// per enum; the reader refuses a schema that breaks this instead of generating C++ that
+// does not compile.
 #pragma once
 
 #include <string>

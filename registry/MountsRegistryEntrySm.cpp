@@ -609,6 +609,26 @@ Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::groupStatus(
   return records->group;
 }
 
+// The mounter's system and group status, made again while the system is a peer. Records
+// that held no mount status are taken by the cleanup of whichever entry's mounter of the
+// same group leaves, though this entry still writes into them; once the peer has gone, so
+// have its statuses, and null is returned.
+Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::remadeGroupStatus(
+    Mounter const& mounter, SystemId const& systemId, StatusRecords* records, Peer const* peer) {
+  if (!peer) {
+    Vesk::Ptr<PeerTable const> peers = peerTable();
+    if (!peers || !peers->peer(systemId)) return nullptr;
+  }
+  Vesk::Ptr<ServiceMountGroupStatus> group = mounter.serviceMountStatus()
+                                                 ->systemStatusIs(systemId.stringValue())
+                                                 ->serviceMountGroupStatusIs(groupOf(mounter));
+  if (records) {
+    records->group = group;
+    records->mount = nullptr;
+  }
+  return group;
+}
+
 void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId const& systemId,
                                                 MountState state) {
   updateMounterStatus(mounter, systemId, state, mountSmDataSm_(systemId).ptr());
@@ -626,7 +646,7 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
              "group: ", groupOf(mounter), " mount: ", mount);
   VESK_TRACE(traceHandle, 8, "%s config: ",
              mounter.mountConfig() ? mounter.mountConfig()->remotePath() : Vesk::Name());
-  if (!group) return;  // the system's statuses are gone with its peer
+  if (!group && !(group = remadeGroupStatus(mounter, systemId, records, peer))) return;
   MountGroupSummaries& summaries = mountsRegistrySm_->mountGroupSummaries();
   if (mounterIsInterestedInConnection(mounter, systemId,
                                       {records ? &records->version : nullptr, peer})) {

@@ -160,6 +160,9 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
                            MountStateReactor* reactor, Peer const* peer = nullptr);
   Vesk::Ptr<ServiceMountGroupStatus> groupStatus(Mounter const& mounter, SystemId const& systemId,
                                                  StatusRecords* records) const;
+  Vesk::Ptr<ServiceMountGroupStatus> remadeGroupStatus(Mounter const& mounter,
+                                                       SystemId const& systemId,
+                                                       StatusRecords* records, Peer const* peer);
   // handleMountState with the records the caller has already found.
   void handleMountState(Mounter const& mounter, SystemId const& systemId, MountState state,
                         ServiceMountGroupStatus& group, MountStatus& status,

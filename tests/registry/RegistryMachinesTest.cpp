@@ -309,6 +309,29 @@ TEST_F(RegistryMachines, TheGroupSummaryForgetsMountsThatLeaveTheGroup) {
       << "the failure went with the status the filter change removed";
 }
 
+// A group status held no mount when another entry's mounter of the same group left, so that
+// mounter's cleanup took it, and the system status with it; the mount still on its way must
+// still reach the service.
+TEST_F(RegistryMachines, AMountInFlightReachesItsServiceAfterAnotherEntryTookItsEmptyGroup) {
+  SystemId s1 = world.connectSwitch(1);
+  mounting("Foo", "all", {"/a"});
+  auto baz = mounting("Baz", "few", {"/a", "/b"});
+  baz.systemFilterIs("few", {});
+  world.negotiate(s1, "Foo", 1);
+  start();
+  settle("/a", s1, mountStateConnecting);
+  baz.config()->systemFilter("few")->includedSystemIs(s1.stringValue(), true);
+  ASSERT_TRUE(groupStatus(baz, s1, "few"));
+  EXPECT_FALSE(mountStatus(baz, s1, "few", "/a")) << "written when the mount next reports";
+
+  world.registry()->mountEntryDel("/b");
+  EXPECT_FALSE(baz.status()->systemStatus(Vesk::Name(s1.stringValue())));
+  settle("/a", s1, mountStateMounted);
+  ASSERT_TRUE(mountStatus(baz, s1, "few", "/a"));
+  EXPECT_EQ(mountStatus(baz, s1, "few", "/a")->mountState(), mountStateMounted);
+  EXPECT_EQ(groupStatus(baz, s1, "few")->mountState(), mountStateMounted);
+}
+
 TEST_F(RegistryMachines, AVersionReportVisitsOnlyTheEntriesOfItsService) {
   SystemId s1 = world.connectSwitch(1);
   mounting("Foo", "g", {"/a", "/b"});

@@ -60,7 +60,7 @@ char* put(char* p, T value) {
 }
 
 char* putBytes(char* p, std::string_view s) {
-  std::memcpy(p, s.data(), s.size());
+  if (!s.empty()) std::memcpy(p, s.data(), s.size());  // an empty view may have no data
   return p + s.size();
 }
 

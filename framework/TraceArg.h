@@ -118,7 +118,7 @@ struct FlitArg<std::string_view> {
     budget -= n;
     uint32_t const length = uint32_t(n);
     std::memcpy(p, &length, sizeof length);
-    std::memcpy(p + sizeof length, s.data(), n);
+    if (n != 0) std::memcpy(p + sizeof length, s.data(), n);  // an empty text may have no data
     return p + sizeof length + n;
   }
   static void append(std::string& out, std::string_view s) { out.append(s); }

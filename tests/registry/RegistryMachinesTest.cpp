@@ -332,6 +332,34 @@ TEST_F(RegistryMachines, AMountInFlightReachesItsServiceAfterAnotherEntryTookIts
   EXPECT_EQ(groupStatus(baz, s1, "few")->mountState(), mountStateMounted);
 }
 
+// Names come from services' declarations as they are: empty, without a leading slash, or
+// naming no system at all.
+TEST_F(RegistryMachines, OddPathsAndFilterMembersAreTakenAsTheyAre) {
+  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
+  auto foo = mounting("Foo", "g", {"", "noslash", "/a//b/"});
+  auto bar = mounting("Bar", "", {"/x"});
+  bar.systemFilterIs("", {s1});
+  for (char const* member : {"garbage", "", "00:1c:73"}) {
+    bar.config()->systemFilter("")->includedSystemIs(member, true);
+  }
+  for (SystemId const& s : {s1, s2}) {
+    world.negotiate(s, "Foo", 1);
+    world.negotiate(s, "Bar", 1);
+  }
+  start();
+  EXPECT_TRUE(data("/x", s1));
+  EXPECT_FALSE(data("/x", s2)) << "no other member names a system";
+  for (char const* path : {"", "noslash", "/a//b/"}) {
+    settle(path, s1, mountStateMounted);
+    ASSERT_TRUE(mountStatus(foo, s1, "g", path)) << "'" << path << "'";
+    EXPECT_EQ(mountStatus(foo, s1, "g", path)->mountedPath(),
+              entrySm(path)->mountSm(s1)->targetPath() + (*path == '/' ? "" : "/") + path);
+  }
+  bar.config()->systemFilter("")->includedSystemDel("garbage");
+  world.registry()->mountEntryDel("");
+  EXPECT_FALSE(entrySm(""));
+}
+
 TEST_F(RegistryMachines, AVersionReportVisitsOnlyTheEntriesOfItsService) {
   SystemId s1 = world.connectSwitch(1);
   mounting("Foo", "g", {"/a", "/b"});

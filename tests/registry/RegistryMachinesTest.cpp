@@ -768,6 +768,28 @@ struct Expectations {
   bool mountsMayFail = false;
 };
 
+// Every mount status a service holds belongs to an entry that still has the service's
+// mounter, of the status's group: a mounter that leaves, or an entry, takes its statuses.
+void expectNoStrayStatus(Sim::World& world, std::string const& when) {
+  for (Vesk::Dir const* dir : {world.mountStatusDir().ptr(), world.proxyMountStatusDir().ptr()}) {
+    for (auto const& [agent, record] : dir->entityPtrMembers()) {
+      auto const* status = dynamic_cast<ServiceMountStatus const*>(record.ptr().ptr());
+      if (!status) continue;
+      for (auto const& [system, sys] : status->systemStatusMembers()) {
+        for (auto const& [group, grp] : sys->serviceMountGroupStatusMembers()) {
+          for (auto const& [path, mount] : grp->mountStatusMembers()) {
+            auto entry = world.registry()->mountEntry(path);
+            auto mounter = entry ? entry->mounter(Vesk::Name(status->serviceName())) : nullptr;
+            EXPECT_TRUE(mounter && mounter->mounterName().groupName() == group)
+                << when << ": " << status->serviceName() << " sees " << path << " on " << system
+                << " in group " << group << " without a mounter there";
+          }
+        }
+      }
+    }
+  }
+}
+
 // Compares the registry's mount machines and the status each service sees with the
 // reference's answer, once every mount has settled. A service never sees a mount where its
 // group is not interested, sees every mount made where it is, in the mount's state, and
@@ -821,6 +843,7 @@ void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& w
       }
     }
   }
+  expectNoStrayStatus(world, when);
 }
 
 class RegistryAgainstReference : public RegistryMachines {

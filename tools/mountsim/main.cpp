@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <string_view>
@@ -71,7 +72,8 @@ int main(int argc, char** argv) {
       options.events = false;
       continue;
     }
-    if (i + 1 >= argc) return usage(("unknown option or missing value: " + std::string(arg)).c_str());
+    if (i + 1 >= argc)
+      return usage(("unknown option or missing value: " + std::string(arg)).c_str());
     std::string_view value = argv[++i];
     bool ok = false;
     if (arg == "--switches") {
@@ -90,13 +92,19 @@ int main(int argc, char** argv) {
     } else {
       return usage(("unknown option: " + std::string(arg)).c_str());
     }
-    if (!ok) return usage(("bad value for " + std::string(arg) + ": " + std::string(value)).c_str());
+    if (!ok)
+      return usage(("bad value for " + std::string(arg) + ": " + std::string(value)).c_str());
   }
   flushTraceOnFatalSignals();
-  if (!traceFile.empty()) Vesk::Flitlog::fileIs(Vesk::String(traceFile));
-  if (traceLevel >= 0) {
-    for (Vesk::TraceHandle* h : Vesk::TraceHandle::handles()) h->levelIs(traceLevel);
+  try {
+    if (!traceFile.empty()) Vesk::Flitlog::fileIs(Vesk::String(traceFile));
+    if (traceLevel >= 0) {
+      for (Vesk::TraceHandle* h : Vesk::TraceHandle::handles()) h->levelIs(traceLevel);
+    }
+    unsigned disagreements = MountSim::runScenario(options, std::cout);
+    return disagreements == 0 ? 0 : 1;
+  } catch (std::exception const& e) {
+    std::cerr << "mountsim: " << e.what() << "\n";
+    return 1;
   }
-  unsigned disagreements = MountSim::runScenario(options, std::cout);
-  return disagreements == 0 ? 0 : 1;
 }

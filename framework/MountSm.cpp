@@ -20,18 +20,21 @@ std::shared_ptr<MountDriver> const& mountDriver() { return installedDriver(); }
 
 char const* requestName(MountDriver::Request r) {
   switch (r) {
-    case MountDriver::Request::mount: return "mount";
-    case MountDriver::Request::remount: return "remount";
-    case MountDriver::Request::unmount: return "unmount";
-    case MountDriver::Request::statePreservingUnmount: return "statePreservingUnmount";
-    case MountDriver::Request::cleanup: return "cleanup";
+    case MountDriver::Request::mount:
+      return "mount";
+    case MountDriver::Request::remount:
+      return "remount";
+    case MountDriver::Request::unmount:
+      return "unmount";
+    case MountDriver::Request::statePreservingUnmount:
+      return "statePreservingUnmount";
+    case MountDriver::Request::cleanup:
+      return "cleanup";
   }
   return "?";
 }
 
-std::ostream& operator<<(std::ostream& os, MountDriver::Request r) {
-  return os << requestName(r);
-}
+std::ostream& operator<<(std::ostream& os, MountDriver::Request r) { return os << requestName(r); }
 
 void RecordingMountDriver::onRequest(MountSm& sm, Request request) {
   records_.push_back(Record{sm.system().stringValue(), sm.path(), request});

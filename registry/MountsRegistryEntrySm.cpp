@@ -20,6 +20,13 @@ constexpr uint32_t kNoMountTimeout = 0x7FFFFFFF;
 Vesk::Name const& serviceOf(Mounter const& mounter) { return mounter.mounterName().serviceName(); }
 Vesk::Name const& groupOf(Mounter const& mounter) { return mounter.mounterName().groupName(); }
 
+// The mounter's group status of the system in its service's status, made with the system
+// status if either is missing.
+Vesk::Ptr<ServiceMountGroupStatus> groupStatusIs(ServiceMountStatus& status,
+                                                 Vesk::Name const& system, Mounter const& mounter) {
+  return status.systemStatusIs(system)->serviceMountGroupStatusIs(groupOf(mounter));
+}
+
 // "a" + "/" + "b", without doubling a separator that either side already has.
 Vesk::String joinPath(Vesk::String const& a, Vesk::String const& b) {
   bool const aSlash = a.endsWith("/");
@@ -619,9 +626,8 @@ Vesk::Ptr<ServiceMountGroupStatus> MountsRegistryEntrySm::remadeGroupStatus(
     Vesk::Ptr<PeerTable const> peers = peerTable();
     if (!peers || !peers->peer(systemId)) return nullptr;
   }
-  Vesk::Ptr<ServiceMountGroupStatus> group = mounter.serviceMountStatus()
-                                                 ->systemStatusIs(systemId.stringValue())
-                                                 ->serviceMountGroupStatusIs(groupOf(mounter));
+  Vesk::Ptr<ServiceMountGroupStatus> group =
+      groupStatusIs(*mounter.serviceMountStatus(), systemId.stringValue(), mounter);
   if (records) {
     records->group = group;
     records->mount = nullptr;
@@ -715,7 +721,7 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, MountSt
       // system and group status.
       StatusRecords const* records = mount ? mount->heldStatusRecords(*m.ptr()) : nullptr;
       if (records && records->linkedTo(*status)) continue;
-      status->systemStatusIs(system)->serviceMountGroupStatusIs(groupOf(*m.ptr()));
+      groupStatusIs(*status, system, *m.ptr());
     } else if (Vesk::Ptr<SystemStatus> gone = status->systemStatus(system)) {
       for (auto const& [group, groupStatus] : gone->serviceMountGroupStatusMembers()) {
         mountsRegistrySm_->mountGroupSummaries().groupDel(*groupStatus.ptr());
@@ -731,11 +737,12 @@ void MountsRegistryEntrySm::handleMounterInterest(Mounter const& mounter,
   SystemId systemId;
   if (!systemId.stringValueIs(connection)) return;  // a filter member that names no system
   Vesk::Ptr<PeerTable const> peers = peerTable();
-  if (!peers || !peers->peer(systemId)) return;  // an absent system has no statuses
+  Vesk::Ptr<Peer> const peer = peers ? peers->peer(systemId) : nullptr;
+  if (!peer) return;  // an absent system has no statuses
   Vesk::Ptr<MountStateReactor> const mount = mountSmDataSm_(systemId);
-  updateSystemStatus(systemId, mount.ptr(), true);
   MountState const state = mount ? mount->data()->mountState() : mountStateNotMounted;
-  updateMounterStatus(mounter, systemId, state, mount.ptr());
+  // The mounter's system and group status are made, should they be missing, by the write.
+  updateMounterStatus(mounter, systemId, state, mount.ptr(), peer.ptr());
 }
 
 // ---- life cycle ---------------------------------------------------------------------------

@@ -974,15 +974,6 @@ class RandomRun {
     return how;
   }
 
-  void negotiate(SystemId const& s, Vesk::Name const& service, uint32_t version,
-                 Sim::Negotiation const& how, bool fresh) {
-    if (fresh) {
-      world_.renegotiate(s, service, version, how);
-    } else {
-      world_.negotiate(s, service, version, how);
-    }
-  }
-
   // Marks the switch inactive: each of its mounts is unmounted at once, state-preservingly
   // exactly where the reference says the entry's groups ask for it.
   void goInactive(SystemId const& s) {
@@ -1015,9 +1006,7 @@ class RandomRun {
         {std::string(sm.path().view()), std::string(sm.system().stringValue().view())});
     bool const mounted = found != expected.end() && found->second.mounted;
     bool const mounting = request == Request::mount || request == Request::remount;
-    static constexpr char const* kNames[] = {"mount", "remount", "unmount",
-                                             "state-preserving unmount", "cleanup"};
-    EXPECT_EQ(mounting, mounted) << kNames[int(request)] << " of " << sm.path() << " from "
+    EXPECT_EQ(mounting, mounted) << request << " of " << sm.path() << " from "
                                  << sm.system().stringValue() << " during " << current_;
   }
 
@@ -1068,19 +1057,20 @@ class RandomRun {
         uint32_t const version = anyVersion();
         Sim::Negotiation how = anyOutcome();
         bool const fresh = rng_.chance(0.5);
+        auto const negotiation = fresh ? &Sim::World::renegotiate : &Sim::World::negotiate;
         std::string what = std::string(fresh ? "renegotiate " : "negotiate ") +
                            std::string(service.view()) + " " + std::to_string(version);
         // A round under way is not reported until it completes, so it completes within the
         // step: the machines act on complete rounds only.
         if (rng_.chance(0.2)) {
           how.complete = false;
-          negotiate(s, service, version, how, fresh);
+          (world_.*negotiation)(s, service, version, how);
           world_.advance(rng_.uniform(0.0, 0.3));
           how.complete = true;
           world_.negotiate(s, service, version, how);
           what += " (after a while under way)";
         } else {
-          negotiate(s, service, version, how, fresh);
+          (world_.*negotiation)(s, service, version, how);
         }
         return what + (how.compatible ? "" : " incompatible") + (how.enabled ? "" : " disabled") +
                on;

@@ -19,6 +19,8 @@
 #include <benchmark/benchmark.h>
 
 #include <sys/resource.h>
+#include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <string_view>
@@ -26,7 +28,7 @@
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
 #include "sim/ExpectedMounts.h"
-#include "sim/LargePageChunks.h"
+#include "sim/HostChunks.h"
 #include "sim/World.h"
 
 namespace {
@@ -245,18 +247,40 @@ BENCHMARK(Renegotiation)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()
 
 }  // namespace
 
-// --large_pages: the framework's small objects live in memory advised for large pages, as
-// a hosting process may choose (sim/LargePageChunks.h). Without it, the store's chunks come
-// from the general heap.
+// Where the framework's small objects live: the benchmark is the registry's hosting process
+// and makes that choice (sim/HostChunks.h). By default, chunks the system provides whole
+// when the store takes them; --chunks=heap leaves them to the general heap (the library's
+// default).
+struct ChunkChoice {
+  std::string_view name;
+  Sim::HostChunks chunks;
+};
+constexpr ChunkChoice kChunkChoices[] = {
+    {"populated", {.largePages = false, .populated = true}},
+    {"heap", {.largePages = false, .populated = false}},
+    {"large", {.largePages = true, .populated = false}},
+    {"large_populated", {.largePages = true, .populated = true}},
+};
+
 int main(int argc, char** argv) {
+  ChunkChoice const* choice = &kChunkChoices[0];
   int kept = 1;
   for (int i = 1; i < argc; ++i) {
-    if (std::string_view(argv[i]) == "--large_pages") {
-      Sim::useLargePageChunks();
-    } else {
+    std::string_view const arg(argv[i]);
+    if (!arg.starts_with("--chunks=")) {
       argv[kept++] = argv[i];
+      continue;
     }
+    auto const named = std::ranges::find(kChunkChoices, arg.substr(9), &ChunkChoice::name);
+    if (named == std::end(kChunkChoices)) {
+      std::fprintf(stderr,
+                   "registry_bench: --chunks takes populated, heap, large or large_populated\n");
+      return 2;
+    }
+    choice = named;
   }
+  Sim::useHostChunks(choice->chunks);
+  benchmark::AddCustomContext("chunks", std::string(choice->name));
   argc = kept;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

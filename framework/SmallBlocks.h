@@ -18,9 +18,9 @@
 // threadSafePointers_ is on.
 //
 // Chunks come from the general allocator unless the hosting process supplies a source of
-// its own, for example memory that it has asked the system to back with large pages: at
-// scale that spares most of the page faults and address-translation misses of the
-// framework's objects.
+// its own, for example memory that it has asked the system to back with large pages or to
+// provide whole when it is taken: at scale that spares most of the page faults and
+// address-translation misses of the framework's objects.
 #pragma once
 
 #include <cstddef>

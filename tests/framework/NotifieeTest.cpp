@@ -157,6 +157,10 @@ TEST_F(NotifieeTest, BindingTwiceKeepsOneRegistrationRebindingMovesItAndDestroyi
   EXPECT_EQ(second->references(), 2u);
   EXPECT_EQ(second->notifieeList().members(), 1u);
   EXPECT_FALSE(a.isRegisteredNotifiee());
+  // Binding an unregistered notifiee to its own notifier registers it again.
+  b.isRegisteredNotifieeIs(false);
+  b.notifierIs(second);
+  EXPECT_TRUE(b.isRegisteredNotifiee());
 
   auto doomed = std::make_unique<Recorder>("doomed", &log);
   doomed->notifierIs(second);

@@ -13,7 +13,6 @@
 //   c->valueIs(3);  // r.onValue()
 #pragma once
 
-#include <charconv>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -59,9 +58,6 @@ class Counter : public Entity {
     }
     notifyMember(key);
   }
-  void memberDel(Name const& key) {
-    if (member_.erase(key)) notifyMember(key);
-  }
 
   Ptr<Counter> child(Name const& name) const {
     Owned<Counter> const* c = child_.find(name);
@@ -76,20 +72,9 @@ class Counter : public Entity {
 
   TypeDescription const& veskTypeDescription() const override {
     static AttributeDescription const attributes[] = {
-        {kValueAttr, "value", AttributeKind::scalar, "int", true, true,
-         [](Entity const& e) { return String(std::to_string(self(e).value_)); },
-         [](Entity& e, String const& text) {
-           int v = 0;
-           auto [end, ec] = std::from_chars(text.begin(), text.end(), v);
-           if (ec != std::errc() || end != text.end() || text.empty()) return false;
-           static_cast<Counter&>(e).valueIs(v);
-           return true;
-         }},
-        {kMemberAttr, "member", AttributeKind::scalarCollection, "int", true, false, nullptr,
-         nullptr,
-         [](Entity const& e, std::function<void(String const&, String const&)> const& visit) {
-           for (auto& [k, v] : self(e).member_) visit(k, String(std::to_string(v)));
-         }},
+        {kValueAttr, "value", AttributeKind::scalar, "int", true, false,
+         [](Entity const& e) { return String(std::to_string(self(e).value_)); }},
+        {kMemberAttr, "member", AttributeKind::scalarCollection, "int", true, false},
         {kChildAttr, "child", AttributeKind::entityCollection, "Vesk::test::Counter", false, false,
          nullptr, nullptr, nullptr,
          [](Entity const& e, String const& key) -> Ptr<Entity> { return self(e).child(key); }},

@@ -508,12 +508,11 @@ TEST_F(TraceFileTest, EveryDamageIsReportedWithTheMessagesBeforeIt) {
   EXPECT_FALSE(decode().ok());
 }
 
-TEST(FlitlogFiles, UnreadableFileIsAnError) {
+TEST(FlitlogFiles, AMissingFileOrOneTooSmallIsAnError) {
   FlitDecoding d = readFlitlogFile(tempPath("missing.flit"));
   EXPECT_FALSE(d.ok());
   EXPECT_NE(d.error.find("missing.flit"), std::string::npos);
   EXPECT_THROW(Flitlog::fileIs(tempPath("tiny.flit"), 1024), RangeException);
-  EXPECT_THROW(Flitlog::fileIs("/nonexistent-dir/x.flit", flit::minFileBytes), Exception);
 }
 
 }  // namespace

@@ -16,6 +16,9 @@
 //   SwitchFlap       one connected switch leaves and comes back
 //   FilterChange     one system filter gains a switch and loses it again
 //   Renegotiation    one switch renegotiates one service's version back and forth
+//
+// As the registry's host, the benchmark chooses where the framework's small objects live:
+// --chunks=populated (the default), heap, large or large_populated (see main).
 #include <benchmark/benchmark.h>
 
 #include <sys/resource.h>
@@ -255,6 +258,7 @@ struct ChunkChoice {
   std::string_view name;
   Sim::HostChunks chunks;
 };
+constexpr std::string_view kChunksFlag = "--chunks=";
 constexpr ChunkChoice kChunkChoices[] = {
     {"populated", {.largePages = false, .populated = true}},
     {"heap", {.largePages = false, .populated = false}},
@@ -267,11 +271,12 @@ int main(int argc, char** argv) {
   int kept = 1;
   for (int i = 1; i < argc; ++i) {
     std::string_view const arg(argv[i]);
-    if (!arg.starts_with("--chunks=")) {
+    if (!arg.starts_with(kChunksFlag)) {
       argv[kept++] = argv[i];
       continue;
     }
-    auto const named = std::ranges::find(kChunkChoices, arg.substr(9), &ChunkChoice::name);
+    auto const named =
+        std::ranges::find(kChunkChoices, arg.substr(kChunksFlag.size()), &ChunkChoice::name);
     if (named == std::end(kChunkChoices)) {
       std::fprintf(stderr,
                    "registry_bench: --chunks takes populated, heap, large or large_populated\n");

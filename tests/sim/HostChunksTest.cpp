@@ -22,9 +22,11 @@ char* chunkOf(void* block) {
                                  ~uintptr_t(kSmallBlockChunkBytes - 1));
 }
 
+size_t pageBytes() { return size_t(::sysconf(_SC_PAGESIZE)); }
+
 // Whether every page of the chunk is resident, touched or not.
 bool wholeChunkResident(char* chunk) {
-  size_t const pages = kSmallBlockChunkBytes / size_t(::sysconf(_SC_PAGESIZE));
+  size_t const pages = kSmallBlockChunkBytes / pageBytes();
   std::vector<unsigned char> resident(pages);
   if (::mincore(chunk, kSmallBlockChunkBytes, resident.data()) != 0) return false;
   for (unsigned char page : resident) {
@@ -35,10 +37,11 @@ bool wholeChunkResident(char* chunk) {
 
 bool systemPopulatesOnRequest() {
 #ifdef MADV_POPULATE_WRITE
-  std::vector<char> probe(size_t(1) << 16);
-  char* page = reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(probe.data()) + 4095) &
-                                       ~uintptr_t(4095));
-  return ::madvise(page, 4096, MADV_POPULATE_WRITE) == 0;
+  size_t const page = pageBytes();
+  std::vector<char> probe(2 * page);
+  auto* aligned = reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(probe.data()) + page - 1) &
+                                          ~uintptr_t(page - 1));
+  return ::madvise(aligned, page, MADV_POPULATE_WRITE) == 0;
 #else
   return false;
 #endif

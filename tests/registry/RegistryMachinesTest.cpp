@@ -222,6 +222,13 @@ TEST_F(RegistryMachines, AnUnsettledMachineIsRemountedOnEveryReevaluation) {
   world.establishedIs(true);
   EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::remount),
                                              req(s1, "/a", Request::remount)}));
+  // A remount carries the peer's connection configuration of the moment.
+  auto moved = connectionConfigFactory("moved");
+  world.peerTable()->peer(s1)->connectionConfigIs(moved);
+  world.establishedIs(false);
+  world.establishedIs(true);
+  EXPECT_EQ(entrySm("/a")->mountSm(s1)->connectionConfig(), moved);
+  requests();
   settle("/a", s1, mountStateMounted);
   world.establishedIs(false);
   EXPECT_TRUE(requests().empty()) << "a settled mount only has its status rewritten";
@@ -446,6 +453,9 @@ TEST_F(RegistryMachines, MountMachinesGetTheRegistrysParametersWithTheirNoLimitF
   ASSERT_TRUE(m);
   EXPECT_EQ(m->remoteRoot(), world.registry()->remoteRootPath());
   EXPECT_EQ(m->path(), "/a");
+  EXPECT_EQ(m->targetPath(), "/controller/mounts/00:1c:73:00:00:01");
+  EXPECT_EQ(m->veskType(), "Vesk::Dir");
+  EXPECT_EQ(m->flags(), "");
   EXPECT_EQ(m->reconnectRetries(), world.registry()->reconnectRetries());
   EXPECT_EQ(m->mountTimeout(), uint32_t(world.registry()->mountTimeout()));
   EXPECT_EQ(m->heartbeatConfig(), world.heartbeatConfig());
@@ -726,8 +736,18 @@ TEST(RegistryCleanup, RemovingEntriesAndStoppingTheRegistryLeavesNothingBehind) 
     world.negotiate(s1, "Foo", 1);
     world.negotiate(s2, "Foo", 1);
     auto sm = world.startRegistry();
+    foo.status()->mountedPathPrefixIs("/a", "/mnt/a");
+    sm->mountsRegistryEntrySm("/a")->mountSmData(s1)->mountStateIs(mountStateConnecting);
+    EXPECT_EQ(sm->mountGroupSummaries().groups(), 1u);
     EXPECT_EQ(Vesk::liveObjects<MountSm>(), 2);
+    world.manualMountDriver()->recordsDelAll();
     world.registry()->mountEntryDel("/a");
+    auto const& records = world.manualMountDriver()->records();
+    EXPECT_EQ(std::count_if(records.begin(), records.end(),
+                            [](auto const& r) { return r.request == Request::cleanup; }),
+              2)
+        << "each machine is cleaned up before it goes";
+    EXPECT_EQ(sm->mountGroupSummaries().groups(), 0u);
     EXPECT_EQ(Vesk::liveObjects<MountSm>(), 0);
     EXPECT_EQ(Vesk::liveObjects<MountSmData>(), 0);
     EXPECT_EQ(Vesk::liveObjects<MountsRegistryEntrySm>(), 0);

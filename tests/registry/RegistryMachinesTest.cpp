@@ -117,21 +117,6 @@ TEST_F(RegistryMachines, ANegotiatedVersionIsRequiredEvenForAWildcard) {
   EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::mount)}));
 }
 
-TEST_F(RegistryMachines, AnIncompatibleOrDisabledVersionCountsAsNone) {
-  auto svc = mounting("Foo", "g", {"/a"});
-  SystemId s1 = world.connectSwitch(1);
-  world.negotiate(s1, "Foo", 2, {.compatible = false});
-  start();
-  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", s1.stringValue()), 0u);
-  world.negotiate(s1, "Foo", 2);
-  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", s1.stringValue()), 2u);
-  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo-Proxy", s1.stringValue()), 2u);
-  world.serviceEnabledIs(s1, "Foo", false);
-  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", s1.stringValue()), 0u);
-  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", "00:00:00:00:00:99"), 0u);
-  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("Foo", "not a connection"), 0u);
-}
-
 TEST_F(RegistryMachines, TwoServicesOnOneEntryOneWildcardWriteStatusWhereInterested) {
   SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
   auto foo = mounting("Foo", "all", {"/a"});
@@ -187,26 +172,6 @@ TEST_F(RegistryMachines, VersionFilterNarrowsBeforeTheSystemFilter) {
   world.negotiate(s3, "Bar", 1);
   world.registryMounterIs(bar, "h", "/b");
   EXPECT_TRUE(requests().empty());
-}
-
-TEST_F(RegistryMachines, AnEntryWithOnlyVersionFiltersMountsEveryPassingConnection) {
-  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
-  auto foo = mounting("Foo", "g", {"/a"});
-  foo.versionFilterIs("g", {1, 2});
-  world.negotiate(s1, "Foo", 2);
-  world.negotiate(s2, "Foo", 3);
-  start();
-  EXPECT_EQ(decisions(), (std::vector<Record>{req(s1, "/a", Request::mount)}));
-}
-
-TEST_F(RegistryMachines, AProxyServiceCountsAsItsRealService) {
-  SystemId s1 = world.connectSwitch(1);
-  auto proxy = world.declareService("fooProxyAgent", "Foo-Proxy", true);
-  proxy.mountIs("g", "/a");
-  world.registryMounterIs(proxy, "g", "/a");
-  start();
-  world.negotiate(s1, "Foo", 4);
-  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::mount)}));
 }
 
 // ---- mount machines -----------------------------------------------------------------------
@@ -281,40 +246,6 @@ TEST_F(RegistryMachines, TheGroupSummaryLetsFailureWinAndReadsDisagreementAsZero
   EXPECT_EQ(mountStatus(foo, s1, "g", "/a")->mountedPath(),
             entrySm("/a")->mountSm(s1)->targetPath() + "/a")
       << "a mount that leaves the mounted state keeps its last mounted path";
-}
-
-TEST_F(RegistryMachines, TheGroupSummaryForgetsMountsThatLeaveTheGroup) {
-  SystemId s1 = world.connectSwitch(1);
-  auto foo = world.declareService("fooAgent", "Foo");
-  for (char const* p : {"/a", "/b", "/c"}) {
-    foo.mountIs("g", p);
-    world.registryMounterIs(foo, "g", p);
-  }
-  foo.systemFilterIs("g", {s1});
-  world.negotiate(s1, "Foo", 1);
-  start();
-  settle("/a", s1, mountStateFailed);
-  settle("/b", s1, mountStateMounted);
-  settle("/c", s1, mountStateMounted);
-  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateFailed);
-
-  world.registry()->mountEntry("/a")->mounterDel("Foo");  // its cleanup takes /a's status
-  ASSERT_FALSE(mountStatus(foo, s1, "g", "/a"));
-  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted)
-      << "the failed mount left with its mounter";
-  settle("/b", s1, mountStateMounting);
-  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateNotMounted) << "they disagree";
-  settle("/b", s1, mountStateMounted);
-  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted);
-
-  settle("/b", s1, mountStateFailed);
-  foo.config()->systemFilter("g")->includedSystemDel(s1.stringValue());
-  settle("/b", s1, mountStateUnmounting);
-  EXPECT_FALSE(mountStatus(foo, s1, "g", "/b")) << "the group is no longer interested in s1";
-  foo.config()->systemFilter("g")->includedSystemIs(s1.stringValue(), true);
-  settle("/b", s1, mountStateMounted);
-  EXPECT_EQ(groupStatus(foo, s1, "g")->mountState(), mountStateMounted)
-      << "the failure went with the status the filter change removed";
 }
 
 // A group status held no mount when another entry's mounter of the same group left, so that
@@ -496,18 +427,6 @@ TEST_F(RegistryMachines, AnInactiveSwitchIsUnmountedStatePreservinglyWhereAGroup
   EXPECT_TRUE(mountStatus(foo, s1, "g", "/a")) << "an inactive switch keeps its statuses";
 }
 
-TEST_F(RegistryMachines, AFilterChangeUnmountsFullyEvenForAGroupThatPreserves) {
-  SystemId s1 = world.connectSwitch(1);
-  auto foo = mounting("Foo", "g", {"/a"}, true);
-  foo.versionFilterIs("g", {1});
-  world.negotiate(s1, "Foo", 1);
-  start();
-  settle("/a", s1, mountStateMounted);
-  requests();
-  world.renegotiate(s1, "Foo", 2);
-  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::unmount)}));
-}
-
 TEST_F(RegistryMachines, ARemovedSwitchIsUnmountedAndLosesItsStatusAndRecords) {
   SystemId s1 = world.connectSwitch(1);
   auto foo = mounting("Foo", "g", {"/a"}, true);
@@ -582,35 +501,6 @@ TEST_F(RegistryMachines, RemovingAServicesLastVersionFallsBackToTheConnectionFil
   foo.config()->versionFilter("g")->includedServiceVersionDel(7);
   EXPECT_EQ(entrySm("/a")->versionFilterSize(), 0u);
   EXPECT_EQ(requests(), (std::vector<Record>{req(s2, "/a", Request::mount)}));
-}
-
-TEST_F(RegistryMachines, ReplacingAGroupsFilterSwapsItsMembersInTheUnion) {
-  SystemId s1 = world.connectSwitch(1), s2 = world.connectSwitch(2);
-  auto foo = mounting("Foo", "g", {"/a"});
-  foo.systemFilterIs("g", {s1});
-  world.negotiate(s1, "Foo", 1);
-  world.negotiate(s2, "Foo", 1);
-  start();
-  auto other = foo.config()->systemFilterIs("other");
-  other->includedSystemIs(s2.stringValue(), true);
-  requests();
-  foo.config()->mountGroupConfig("g")->systemFilterIs(other);
-  EXPECT_EQ(entrySm("/a")->connectionFilter(s1.stringValue()), 0u);
-  EXPECT_EQ(entrySm("/a")->connectionFilter(s2.stringValue()), 1u);
-  auto r = decisions();  // every re-evaluation of an unmounting system asks again
-  for (Record const& x : r) {
-    EXPECT_TRUE(x == req(s1, "/a", Request::unmount) || x == req(s2, "/a", Request::mount)) << x;
-  }
-  EXPECT_NE(std::find(r.begin(), r.end(), req(s1, "/a", Request::unmount)), r.end());
-  EXPECT_NE(std::find(r.begin(), r.end(), req(s2, "/a", Request::mount)), r.end());
-  EXPECT_FALSE(entrySm("/a")->wildCardMount());
-  settle("/a", s1, mountStateUnmounting);
-  settle("/a", s1, mountStateNotMounted);
-  foo.config()->mountGroupConfig("g")->systemFilterIs(nullptr);
-  EXPECT_EQ(entrySm("/a")->connectionFilterSize(), 0u);
-  EXPECT_TRUE(entrySm("/a")->wildCardMount()) << "a group without filters mounts everywhere";
-  EXPECT_EQ(decisions(),
-            (std::vector<Record>{req(s1, "/a", Request::cleanup), req(s1, "/a", Request::mount)}));
 }
 
 TEST_F(RegistryMachines, FoldingAWholeFilterInOrOutReevaluatesEachSwitchOnce) {
@@ -865,52 +755,6 @@ void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& w
     }
   }
   expectNoStrayStatus(world, when);
-}
-
-class RegistryAgainstReference : public RegistryMachines {
- protected:
-  RegistryAgainstReference() : RegistryMachines(settlingDriver()) {}
-
-  void expectMatchesReference(char const* when) { expectMatches(world, *sm, when); }
-};
-
-TEST_F(RegistryAgainstReference, EveryStepOfAMixedScenarioMatchesTheReference) {
-  std::vector<SystemId> sw;
-  for (unsigned i = 1; i <= 6; ++i) sw.push_back(world.connectSwitch(i));
-  auto foo = world.declareService("fooAgent", "Foo");
-  auto bar = world.declareService("barAgent", "Bar");
-  auto baz = world.declareService("bazProxy", "Baz-Proxy", true);
-  foo.mountIs("all", "/shared");
-  world.registryMounterIs(foo, "all", "/shared");
-  bar.mountIs("v2", "/shared");
-  bar.versionFilterIs("v2", {2});
-  world.registryMounterIs(bar, "v2", "/shared");
-  bar.mountIs("v2", "/bar");
-  world.registryMounterIs(bar, "v2", "/bar");
-  baz.mountIs("few", "/baz");
-  baz.systemFilterIs("few", {sw[0], sw[2], sw[4]});
-  world.registryMounterIs(baz, "few", "/baz");
-  start();
-  expectMatchesReference("no versions");
-  for (size_t i = 0; i < sw.size(); ++i) {
-    world.negotiate(sw[i], "Bar", uint32_t(1 + i % 2));
-    if (i % 3 == 0) world.negotiate(sw[i], "Foo", 1);
-    if (i % 2 == 0) world.negotiate(sw[i], "Baz", 5);
-  }
-  expectMatchesReference("negotiated");
-  world.renegotiate(sw[1], "Bar", 1);
-  world.renegotiate(sw[2], "Bar", 2);
-  expectMatchesReference("renegotiated");
-  baz.config()->systemFilter("few")->includedSystemIs(sw[1].stringValue(), true);
-  bar.config()->versionFilter("v2")->includedServiceVersionIs(1, true);
-  expectMatchesReference("filters changed");
-  world.removeSwitch(sw[3]);
-  world.inactiveIs(sw[4], true);
-  world.removeSwitch(sw[4]);
-  expectMatchesReference("switches gone");
-  sw[3] = world.connectSwitch(4);
-  world.negotiate(sw[3], "Foo", 1);
-  expectMatchesReference("switch back");
 }
 
 // ---- random steps against the reference ----------------------------------------------------

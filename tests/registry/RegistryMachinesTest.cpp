@@ -209,8 +209,11 @@ TEST_F(RegistryMachines, AMachineIsDeletedWhenItsStateReturnsToZero) {
   start();
   long const machines = Vesk::liveObjects<MountSm>();
   settle("/a", s1, mountStateConnecting);
-  world.serviceDel(s1, "Foo");
   requests();
+  world.serviceDel(s1, "Foo");  // the connection's last service goes
+  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::unmount)}));
+  EXPECT_EQ(sm->connectionServiceStatusDirSm(Vesk::Name(s1.stringValue()))->serviceStatusSize(),
+            0u);
   EXPECT_EQ(entrySm("/a")->mountSmSize(), 1u) << "kept until the unmount is reported";
   Vesk::TraceCapture capture;
   settle("/a", s1, mountStateNotMounted);
@@ -549,19 +552,6 @@ TEST_F(RegistryMachines, AServiceReportsOnlyOnceItsNegotiationCompletes) {
   EXPECT_EQ(reports(), before + 1) << "toggling enabled reports again";
   EXPECT_TRUE(capture.contains("ConnectionServiceStatusDirSm::handleEnabled" +
                                s1.stringValue().stdString() + ": Foo enabled: 0"));
-}
-
-TEST_F(RegistryMachines, TheLastServiceOfAConnectionGoingUnmountsItsEntries) {
-  SystemId s1 = world.connectSwitch(1);
-  auto foo = mounting("Foo", "g", {"/a"});
-  world.negotiate(s1, "Foo", 1);
-  start();
-  settle("/a", s1, mountStateMounted);
-  requests();
-  world.serviceDel(s1, "Foo");
-  EXPECT_EQ(requests(), (std::vector<Record>{req(s1, "/a", Request::unmount)}));
-  EXPECT_EQ(sm->connectionServiceStatusDirSm(Vesk::Name(s1.stringValue()))->serviceStatusSize(),
-            0u);
 }
 
 // ---- failure texts ------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include <array>
 #include <tuple>
 
+#include "framework/LiveCount.h"
 #include "framework/Machine.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"
@@ -135,6 +136,7 @@ class MountsRegistryEntrySm : public Vesk::PtrInterface {
       Vesk::Entity const* system = group ? group->parentRaw() : nullptr;
       return system && system->parentRaw() == &service;
     }
+    [[no_unique_address]] Vesk::LiveCount<StatusRecords> liveCount_;
   };
 
   Vesk::Ptr<PeerTable const> peerTable() const;

@@ -366,8 +366,11 @@ TEST_F(RegistryMachines, ThreeServicesOnOneEntryEachSeeEveryStateOfTheMount) {
     world.negotiate(s1, name, 1);
   }
   start();
+  settle("/a", s1, mountStateMounting);
+  long const held = Vesk::liveObjectTotal();  // the mount keeps one set of records a service
   for (MountState state : {mountStateConnecting, mountStateMounted, mountStateFailed}) {
     settle("/a", s1, state);
+    EXPECT_EQ(Vesk::liveObjectTotal(), held) << "a change of state finds the records it kept";
     for (auto const& svc : services) {
       ASSERT_TRUE(mountStatus(svc, s1, "g", "/a")) << svc.serviceName();
       EXPECT_EQ(mountStatus(svc, s1, "g", "/a")->mountState(), state) << svc.serviceName();

@@ -652,7 +652,8 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
              "group: ", groupOf(mounter), " mount: ", mount);
   VESK_TRACE(traceHandle, 8, "%s config: ",
              mounter.mountConfig() ? mounter.mountConfig()->remotePath() : Vesk::Name());
-  if (!group && !(group = remadeGroupStatus(mounter, systemId, records, peer))) return;
+  if (!group) group = remadeGroupStatus(mounter, systemId, records, peer);
+  if (!group) return;  // the system's statuses are gone with its peer
   MountGroupSummaries& summaries = mountsRegistrySm_->mountGroupSummaries();
   if (mounterIsInterestedInConnection(mounter, systemId,
                                       {records ? &records->version : nullptr, peer})) {

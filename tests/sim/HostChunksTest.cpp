@@ -4,7 +4,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <vector>
 
 #include "framework/SmallBlocks.h"
@@ -29,19 +32,14 @@ bool wholeChunkResident(char* chunk) {
   size_t const pages = kSmallBlockChunkBytes / pageBytes();
   std::vector<unsigned char> resident(pages);
   if (::mincore(chunk, kSmallBlockChunkBytes, resident.data()) != 0) return false;
-  for (unsigned char page : resident) {
-    if (!(page & 1)) return false;
-  }
-  return true;
+  return std::ranges::all_of(resident, [](unsigned char page) { return page & 1; });
 }
 
 bool systemPopulatesOnRequest() {
 #ifdef MADV_POPULATE_WRITE
   size_t const page = pageBytes();
-  std::vector<char> probe(2 * page);
-  auto* aligned = reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(probe.data()) + page - 1) &
-                                          ~uintptr_t(page - 1));
-  return ::madvise(aligned, page, MADV_POPULATE_WRITE) == 0;
+  std::unique_ptr<void, decltype(&std::free)> probe(std::aligned_alloc(page, page), &std::free);
+  return probe && ::madvise(probe.get(), page, MADV_POPULATE_WRITE) == 0;
 #else
   return false;
 #endif

@@ -105,7 +105,7 @@ void ConnectionServiceStatusDirSm::doCleanup() {
   VESK_TRACE(traceHandle, 5, "ConnectionServiceStatusDirSm::", "doCleanup",
              " connection:", connectionName_);
   dirReactor_.reset();
-  serviceStatus_.delAll();
+  serviceStatus_.cleanupAndDelAll();
   SystemId systemId;
   if (systemId.stringValueIs(connectionName_)) mountsRegistrySm_->handleSwitchConnection(systemId);
 }

@@ -27,18 +27,6 @@ Vesk::Ptr<ServiceMountGroupStatus> groupStatusIs(ServiceMountStatus& status,
   return status.systemStatusIs(system)->serviceMountGroupStatusIs(groupOf(mounter));
 }
 
-// "a" + "/" + "b", without doubling a separator that either side already has.
-Vesk::String joinPath(Vesk::String const& a, Vesk::String const& b) {
-  bool const aSlash = a.endsWith("/");
-  std::string_view tail = b.view();
-  if (aSlash && !tail.empty() && tail.front() == '/') tail.remove_prefix(1);
-  bool const separate = !aSlash && (tail.empty() || tail.front() != '/');
-  return Vesk::String::filled(a.size() + separate + tail.size(), [&](char* out) {
-    a.view().copy(out, a.size());
-    if (separate) out[a.size()] = '/';
-    tail.copy(out + a.size() + separate, tail.size());
-  });
-}
 }  // namespace
 
 class MountsRegistryEntrySm::EntryReactor
@@ -65,11 +53,12 @@ class MountsRegistryEntrySm::MountStateReactor
   Vesk::Ptr<MountSmData> const& data() const { return data_; }
   Vesk::Ptr<MountSm> const& mountSm() const { return mountSm_; }
   void mountSmIs(Vesk::Ptr<MountSm> const& sm) { mountSm_ = sm; }
-  // Where the mount appears locally once mounted: the mount's target path and the entry's;
+  // Where the mount appears locally once mounted: the mount's target path, "/" and the
+  // entry's path, as they are (an entry path that starts with "/" doubles the separator);
   // made when first asked for.
   Vesk::String const& mountedPath() {
     if (mountedPath_.empty() && mountSm_) {
-      mountedPath_ = joinPath(mountSm_->targetPath(), owner_->registryEntry()->name());
+      mountedPath_ = mountSm_->targetPath() + "/" + owner_->registryEntry()->name();
     }
     return mountedPath_;
   }
@@ -260,6 +249,7 @@ bool MountsRegistryEntrySm::hasMounterCountingFor(Vesk::String const& service) c
 }
 
 void MountsRegistryEntrySm::handleMounter() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleMounter", "()");
   ReevaluationBatch batch(*this);
   for (auto const& [key, mounter] : registryEntry_->mounterMembers()) handleMounter(key);
 }
@@ -333,6 +323,8 @@ void MountsRegistryEntrySm::handleSwitchConnection() {
 }
 
 void MountsRegistryEntrySm::handleNamedSwitchConnection(Vesk::String const& connectionName) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::handleNamedSwitchConnection",
+             " connection:", connectionName);
   SystemId systemId;
   if (systemId.stringValueIs(connectionName)) handleSwitchConnection(systemId);
 }
@@ -408,6 +400,8 @@ bool MountsRegistryEntrySm::connectionMatchesVersionFilter(Vesk::String const& c
 }
 
 bool MountsRegistryEntrySm::systemMatchesVersionFilter(SystemId const& systemId, Peer const* peer) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::connectionMatchesVersionFilter",
+             " connection:", systemId.stringValue());
   for (auto const& [service, filter] : versionFilter_) {
     if (matchingServiceVersionFilter(service, systemId, peer)) return true;
   }
@@ -465,16 +459,31 @@ bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mount
 bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mounter,
                                                             SystemId const& systemId,
                                                             VersionHints hints) {
+  Vesk::Name const& connection = systemId.stringValue();
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::mounterIsInterestedInConnection",
+             " service:", serviceOf(mounter), " group:", groupOf(mounter),
+             " connection:", connection);
   ServiceMountGroupConfig const* group = mounter.mountGroupConfig().ptr();
   if (!group) return false;
   if (MountFilterSystem const* systems = group->systemFilter().ptr()) {
-    if (!systems->includedSystem(systemId.stringValue())) return false;
+    if (!systems->includedSystem(connection)) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::mounterIsInterestedInConnection",
+                 " not in systemFilter:", connection, " group:", groupOf(mounter));
+      return false;
+    }
   }
   if (MountFilterServiceVersion const* versions = group->versionFilter().ptr()) {
     uint32_t version =
         mountsRegistrySm_->negotiatedServiceVersionForSystem(serviceOf(mounter), systemId, hints);
-    if (version == 0 || !versions->includedServiceVersion(version)) return false;
+    if (version == 0 || !versions->includedServiceVersion(version)) {
+      VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::mounterIsInterestedInConnection",
+                 " version:", version, " not in versionFilter of group:", groupOf(mounter),
+                 " connection:", connection);
+      return false;
+    }
   }
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::mounterIsInterestedInConnection",
+             " interested:", serviceOf(mounter), " connection:", connection);
   return true;
 }
 
@@ -643,8 +652,8 @@ void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId
 void MountsRegistryEntrySm::updateMounterStatus(Mounter const& mounter, SystemId const& systemId,
                                                 MountState state, MountStateReactor* reactor,
                                                 Peer const* peer) {
-  VESK_ASSERT(mounter.serviceMountStatus());
-  VESK_ASSERT(mounter.mountGroupConfig());
+  VESK_ASSERT_MSG(mounter.serviceMountStatus(), "serviceMountStatus");
+  VESK_ASSERT_MSG(mounter.mountGroupConfig(), "mountGroupConfig");
   StatusRecords* records = reactor ? &reactor->statusRecords(mounter) : nullptr;
   Vesk::Ptr<ServiceMountGroupStatus> group = groupStatus(mounter, systemId, records);
   Vesk::Name const& mount = registryEntry_->name();
@@ -699,6 +708,8 @@ void MountsRegistryEntrySm::updateMountGroupMountState(ServiceMountGroupConfig c
                                                        ServiceMountGroupStatus& groupStatus,
                                                        MountState state,
                                                        MountGroupSummaries::Place* place) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::updateMountGroupMountState",
+             " group:", groupStatus.name(), " state:", state);
   groupStatus.mountStateIs(
       mountsRegistrySm_->mountGroupSummaries().summary(groupStatus, state, place));
 }

@@ -1,15 +1,25 @@
 #include "registry/MountsRegistrySm.h"
 
+#include <unordered_map>
+
 #include "framework/Assert.h"
 #include "framework/CountedRecords.h"
 #include "framework/Trace.h"
 #include "registry/ConnectionServiceStatusDirSm.h"
 #include "registry/MountsRegistryEntrySm.h"
+#include "registry/PublishRegistryEntrySm.h"
 
 namespace Controller {
 
 namespace {
 Vesk::TraceHandle traceHandle("MountsRegistrySm", true);
+
+// The machine of each registry: the factory hands out one per registry. Machines run on
+// their activity's thread, and so does the factory that makes them.
+std::unordered_map<MountsRegistry const*, MountsRegistrySm*>& machineOfRegistry() {
+  thread_local std::unordered_map<MountsRegistry const*, MountsRegistrySm*> machines;
+  return machines;
+}
 
 // A connection is named by its system's text form; an unparsable name names no system.
 bool systemOfConnection(Vesk::String const& connection, SystemId& out) {
@@ -23,6 +33,12 @@ class MountsRegistrySm::RegistryReactor
   using OwnedReactor::OwnedReactor;
   void onMountEntry(Vesk::Name const& name) override { owner_->handleMountEntry(name); }
   void onMountEntry() override { owner_->handleMountEntry(); }
+  void onPublishEntry(Vesk::Name const& name) override { owner_->handlePublishEntry(name); }
+  void onPublishEntry() override { owner_->handlePublishEntry(); }
+  void onServicePublishReady(Vesk::String const& service) override {
+    owner_->handleServicePublishReady(service);
+  }
+  void onServicePublishReady() override { owner_->handleServicePublishReady(); }
 };
 
 class MountsRegistrySm::OobStatusReactor
@@ -54,6 +70,7 @@ MountsRegistrySm::MountsRegistrySm(
       controllerdbPublishStatus_(controllerdbPublishStatus),
       peerTable_(oobStatus ? oobStatus->peerTable() : nullptr),
       mountsRegistryEntrySm_(typeName, "mountsRegistryEntrySm"),
+      publishRegistryEntrySm_(typeName, "publishRegistryEntrySm"),
       connectionServiceStatusDirSm_(typeName, "connectionServiceStatusDirSm") {
   if (mountsRegistry_) {
     registryReactor_ = std::make_unique<RegistryReactor>(this);
@@ -64,6 +81,7 @@ MountsRegistrySm::MountsRegistrySm(
     oobStatusReactor_->notifierIs(oobStatus_);
   }
   handleMountEntry();
+  handlePublishEntry();
   if (peerTable_) {
     peerTableReactor_ = std::make_unique<PeerTableReactor>(this);
     peerTableReactor_->notifierIs(peerTable_);
@@ -71,11 +89,19 @@ MountsRegistrySm::MountsRegistrySm(
   handleInitialized();
 }
 
-MountsRegistrySm::~MountsRegistrySm() = default;
+MountsRegistrySm::~MountsRegistrySm() {
+  auto held = machineOfRegistry().find(mountsRegistry_.ptr());
+  if (held != machineOfRegistry().end() && held->second == this) machineOfRegistry().erase(held);
+}
 
 Vesk::Ptr<MountsRegistryEntrySm> MountsRegistrySm::mountsRegistryEntrySm(
     Vesk::Name const& name) const {
   return mountsRegistryEntrySm_(name);
+}
+
+Vesk::Ptr<PublishRegistryEntrySm> MountsRegistrySm::publishRegistryEntrySm(
+    Vesk::Name const& name) const {
+  return publishRegistryEntrySm_(name);
 }
 
 Vesk::Ptr<ConnectionServiceStatusDirSm> MountsRegistrySm::connectionServiceStatusDirSm(
@@ -89,9 +115,17 @@ Vesk::Ptr<MountsRegistrySm> mountsRegistrySmFactory(
     Vesk::Ptr<Heartbeat::Config const> const& heartbeatConfig,
     Vesk::Ptr<Vesk::Dir> const& serviceMountStatusDir,
     Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus) {
-  return Vesk::Ptr<MountsRegistrySm>(new MountsRegistrySm(mountsRegistry, oobStatus,
-                                                          heartbeatConfig, serviceMountStatusDir,
-                                                          controllerdbPublishStatus));
+  auto held = machineOfRegistry().find(mountsRegistry.ptr());
+  if (held != machineOfRegistry().end()) {
+    Vesk::checkReinstantiation(*held->second, mountsRegistry, oobStatus, heartbeatConfig,
+                               serviceMountStatusDir, controllerdbPublishStatus);
+    return Vesk::Ptr<MountsRegistrySm>(held->second);
+  }
+  Vesk::Ptr<MountsRegistrySm> made(new MountsRegistrySm(mountsRegistry, oobStatus, heartbeatConfig,
+                                                        serviceMountStatusDir,
+                                                        controllerdbPublishStatus));
+  if (mountsRegistry) machineOfRegistry()[mountsRegistry.ptr()] = made.ptr();
+  return made;
 }
 
 void MountsRegistrySm::handleMountEntry(Vesk::Name const& name) {
@@ -107,6 +141,7 @@ void MountsRegistrySm::handleMountEntry(Vesk::Name const& name) {
 }
 
 void MountsRegistrySm::handleMountEntry() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleMountEntry", "()");
   if (!mountsRegistry_) return;
   for (auto const& [name, entry] : mountsRegistry_->mountEntryMembers()) handleMountEntry(name);
 }
@@ -129,7 +164,90 @@ void MountsRegistrySm::handlePeer(SystemId const& systemId) {
   connectionServiceStatusDirSm_.cleanupAndDel(Vesk::Name(connection));
 }
 
+// ---- publish entries ---------------------------------------------------------------------
+
+void MountsRegistrySm::handlePublishEntry(Vesk::Name const& name) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePublishEntry", " name:", name);
+  Vesk::Ptr<PublishRegistryEntry> pe = mountsRegistry_->publishEntry(name);
+  if (!pe) {
+    if (!publishRegistryEntrySm_(name)) return;
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePublishEntry",
+               " Deleting publish sm for: ", name);
+    publishRegistryEntrySmDel(name);
+    return;
+  }
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePublishEntry", " Controller Path:", name);
+  Vesk::Ptr<PublishRegistryEntrySm> preSm = publishRegistryEntrySm_(name);
+  VESK_ASSERT_MSG(!preSm || pe->serviceName() == preSm->publishEntry()->serviceName(),
+                  "!preSm || pe->serviceName() == preSm->publishEntry()->serviceName()");
+  // An entry deleted and made again while notifications were held back gets a machine of its
+  // own; the old one withdraws what it published first.
+  if (preSm && preSm->publishEntry() != pe) publishRegistryEntrySmDel(name);
+  if (preSm && preSm->publishEntry() == pe) return;
+  Vesk::Ptr<PublishRegistryEntrySm> sm =
+      publishRegistryEntrySm_.is(name, pe, oobStatus_, controllerdbPublishStatus_, this);
+  publishSmsByService_.emplace(realServiceOf(pe->serviceName())).first->emplace(name, sm);
+  // The machine processed its entry while it was being made, before it could be found here.
+  if (sm->processed()) handleServicePublishReady(pe->serviceName());
+}
+
+void MountsRegistrySm::handlePublishEntry() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePublishEntry", "()");
+  if (!mountsRegistry_) return;
+  for (auto const& [name, entry] : mountsRegistry_->publishEntryMembers()) handlePublishEntry(name);
+}
+
+void MountsRegistrySm::publishRegistryEntrySmDel(Vesk::Name const& name) {
+  Vesk::Ptr<PublishRegistryEntrySm> sm = publishRegistryEntrySm_(name);
+  if (!sm) return;
+  Vesk::Name const real = realServiceOf(sm->publishEntry()->serviceName());
+  if (PublishSet* sms = publishSmsByService_.find(real)) {
+    sms->erase(name);
+    if (sms->empty()) publishSmsByService_.erase(real);
+  }
+  publishRegistryEntrySm_.cleanupAndDel(name);
+}
+
+void MountsRegistrySm::handleServicePublishReady(Vesk::String const& service) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServicePublishReady", " service:", service);
+  if (!controllerdbPublishStatus_ || !mountsRegistry_) return;
+  bool const* wanted = mountsRegistry_->servicePublishReadyMembers().find(service);
+  bool const* held = controllerdbPublishStatus_->servicePublishReadyMembers().find(service);
+  if (!wanted) {
+    if (held) controllerdbPublishStatus_->servicePublishReadyDel(service);
+    return;
+  }
+  if (held && *held == *wanted) return;
+  if (*wanted && !publishEntriesProcessed(service)) return;
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServicePublishReady",
+             "Setting publishReady for ", service);
+  controllerdbPublishStatus_->servicePublishReadyIs(service, *wanted);
+}
+
+void MountsRegistrySm::handleServicePublishReady() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServicePublishReady", "()");
+  if (!mountsRegistry_) return;
+  for (auto const& [service, flag] : mountsRegistry_->servicePublishReadyMembers()) {
+    handleServicePublishReady(service);
+  }
+}
+
+bool MountsRegistrySm::publishEntriesProcessed(Vesk::String const& service) const {
+  PublishSet const* sms = publishSmsByService_.find(realServiceOf(service));
+  if (!sms) return true;
+  for (auto const& [name, sm] : *sms) {
+    if (sm->publishEntry()->serviceName() != service || sm->processed()) continue;
+    VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServicePublishReady", "Publish entry ",
+               name, " not yet processed");
+    return false;
+  }
+  return true;
+}
+
+// ---- peers --------------------------------------------------------------------------------
+
 void MountsRegistrySm::handlePeer() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePeer", "()");
   if (!peerTable_) return;
   for (auto const& [systemId, peer] : peerTable_->peerMembers()) handlePeer(systemId);
 }
@@ -155,10 +273,13 @@ void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
   for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
     entrySm->handleSwitchConnection(systemId);
   }
+  for (auto const& [name, publishSm] : publishRegistryEntrySm_.members()) {
+    publishSm->handleSwitchConnection(systemId);
+  }
 }
 
 void MountsRegistrySm::handleSwitchConnection() {
-  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection");
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection", "()");
   if (!peerTable_) return;
   for (auto const& [systemId, peer] : peerTable_->peerMembers()) handleSwitchConnection(systemId);
 }
@@ -176,11 +297,18 @@ void MountsRegistrySm::handleServiceSwitchConnection(SystemId const& systemId,
                                                      Vesk::String const& service) {
   VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServiceSwitchConnection",
              " peer:", systemId.stringValue(), " service:", service);
-  EntrySet const* entries = entriesByService_.find(realServiceOf(service));
-  if (!entries) return;
-  for (auto const& [name, entrySm] : *entries) {
-    VESK_ASSERT(entrySm->registryEntry());
-    entrySm->handleSwitchConnection(systemId);
+  Vesk::Name const real = realServiceOf(service);
+  if (EntrySet const* entries = entriesByService_.find(real)) {
+    for (auto const& [name, entrySm] : *entries) {
+      VESK_ASSERT_MSG(entrySm->registryEntry(), "registryEntry");
+      entrySm->handleSwitchConnection(systemId);
+    }
+  }
+  if (PublishSet const* sms = publishSmsByService_.find(real)) {
+    for (auto const& [name, publishSm] : *sms) {
+      VESK_ASSERT_MSG(publishSm->publishEntry(), "registryEntry");
+      publishSm->handleSwitchConnection(systemId);
+    }
   }
 }
 
@@ -267,6 +395,7 @@ VersionReading MountsRegistrySm::versionInRecords(Vesk::Name const& realService,
 }
 
 void MountsRegistrySm::handleInitialized() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleInitialized", "()");
   if (initialized_) return;
   initialized_ = true;
   handleSwitchConnection();
@@ -278,13 +407,9 @@ void MountsRegistrySm::doCleanup() {
   oobStatusReactor_.reset();
   peerTableReactor_.reset();
   mountsRegistryEntrySm_.cleanupAndDelAll();
+  for (Vesk::Name const& name : publishRegistryEntrySm_.keys()) publishRegistryEntrySmDel(name);
   connectionServiceStatusDirSm_.cleanupAndDelAll();
   mountGroupSummaries_.clear();
-  if (peerTable_ && controllerdbPublishStatus_) {
-    for (auto const& [systemId, peer] : peerTable_->peerMembers()) {
-      controllerdbPublishStatus_->systemDel(systemId);
-    }
-  }
 }
 
 }  // namespace Controller

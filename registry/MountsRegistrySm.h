@@ -1,11 +1,17 @@
 // MountsRegistrySm: the top machine of the registry.
 //
 // It watches the registry, the out-of-band status and its peer table, and turns their
-// changes into work for its children: one MountsRegistryEntrySm per mount entry and one
-// ConnectionServiceStatusDirSm per connected system. It answers the question every child
-// asks: which version of a service was negotiated on a given connection (0 for none).
+// changes into work for its children: one MountsRegistryEntrySm per mount entry, one
+// PublishRegistryEntrySm per publish entry and one ConnectionServiceStatusDirSm per connected
+// system. It answers the question every child asks: which version of a service was
+// negotiated on a given connection (0 for none). It copies each service's publish-ready flag
+// from the registry into the controller database's publish status once every publish entry
+// of the service has been processed by its machine.
 //
-// The hosting agent creates it once, through mountsRegistrySmFactory, and keeps it.
+// The hosting agent creates it once, through mountsRegistrySmFactory, and keeps it. The
+// factory hands out one machine per registry: asked again for the same registry, it returns
+// that machine when every other input is the same, and refuses with the reinstantiation text
+// otherwise.
 #pragma once
 
 #include <array>
@@ -19,6 +25,7 @@
 namespace Controller {
 
 class MountsRegistryEntrySm;
+class PublishRegistryEntrySm;
 class ConnectionServiceStatusDirSm;
 
 class MountsRegistrySm : public Vesk::PtrInterface {
@@ -53,12 +60,21 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> const& mountsRegistryEntrySms() const {
     return mountsRegistryEntrySm_;
   }
+  Vesk::Ptr<PublishRegistryEntrySm> publishRegistryEntrySm(Vesk::Name const& name) const;
+  Vesk::MachineCollection<Vesk::Name, PublishRegistryEntrySm> const& publishRegistryEntrySms()
+      const {
+    return publishRegistryEntrySm_;
+  }
   Vesk::Ptr<ConnectionServiceStatusDirSm> connectionServiceStatusDirSm(
       Vesk::Name const& connection) const;
   size_t connectionServiceStatusDirSmSize() const { return connectionServiceStatusDirSm_.size(); }
 
   void handleMountEntry(Vesk::Name const& name);
   void handleMountEntry();
+  void handlePublishEntry(Vesk::Name const& name);
+  void handlePublishEntry();
+  void handleServicePublishReady(Vesk::String const& service);
+  void handleServicePublishReady();
   void handlePeer(SystemId const& systemId);
   void handlePeer();
   void handleInactivePeer(SystemId const& systemId);
@@ -95,6 +111,12 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   class OobStatusReactor;
   class PeerTableReactor;
   using EntrySet = Vesk::HashMap<Vesk::Name, Vesk::Ptr<MountsRegistryEntrySm>>;
+  using PublishSet = Vesk::HashMap<Vesk::Name, Vesk::Ptr<PublishRegistryEntrySm>>;
+
+  void publishRegistryEntrySmDel(Vesk::Name const& name);
+  // Whether every publish entry of the service has been processed by its machine; traces the
+  // first that has not.
+  bool publishEntriesProcessed(Vesk::String const& service) const;
 
   Vesk::Ptr<MountsRegistry> const mountsRegistry_;
   Vesk::Ptr<ControllerOob::Status const> const oobStatus_;
@@ -103,11 +125,14 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   Vesk::Ptr<Controllerdb::PublishStatus> const controllerdbPublishStatus_;
   Vesk::Ptr<PeerTable const> peerTable_;
   Vesk::MachineCollection<Vesk::Name, MountsRegistryEntrySm> mountsRegistryEntrySm_;
+  Vesk::MachineCollection<Vesk::Name, PublishRegistryEntrySm> publishRegistryEntrySm_;
   Vesk::MachineCollection<Vesk::Name, ConnectionServiceStatusDirSm> connectionServiceStatusDirSm_;
   std::unique_ptr<RegistryReactor> registryReactor_;
   std::unique_ptr<OobStatusReactor> oobStatusReactor_;
   std::unique_ptr<PeerTableReactor> peerTableReactor_;
   Vesk::HashMap<Vesk::Name, EntrySet> entriesByService_;
+  // The publish machines by the real service their entry counts for.
+  Vesk::HashMap<Vesk::Name, PublishSet> publishSmsByService_;
   MountGroupSummaries mountGroupSummaries_;
   // Real service names of the proxy names seen so far, so that a lookup does not build one.
   mutable Vesk::HashMap<Vesk::Name, Vesk::Name> realServiceOfProxy_;

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/Reporting.h"
 #include "model/MountInterface.h"
 
 namespace {
@@ -186,4 +187,6 @@ BENCHMARK(MountedPathPrefixExisting)->UseManualTime();
 
 }  // namespace
 
-BENCHMARK_MAIN();
+// The library's main, except that CSV is written as one table: the benchmarks here have
+// different counters.
+int main(int argc, char** argv) { return VeskBench::runBenchmarks(argc, argv); }

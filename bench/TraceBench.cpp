@@ -8,7 +8,7 @@
 //                         ratio_vs_snprintf = snprintf time / trace time (target: 5 or more;
 //                         the trace itself under 50 ns)
 // Times are CPU time per iteration. A baseline runs just before its subject; the reporter
-// adds the ratio to the subject's row.
+// adds the ratio to the subject's row, in whichever output format is chosen.
 // Run without a filter that drops the baselines.
 #include <benchmark/benchmark.h>
 
@@ -16,8 +16,8 @@
 #include <cstdio>
 #include <map>
 #include <string>
-#include <vector>
 
+#include "bench/Reporting.h"
 #include "framework/Flitlog.h"
 #include "framework/Trace.h"
 
@@ -71,51 +71,44 @@ void BM_FlitlogThreeArgs(benchmark::State& state) {
 }
 BENCHMARK(BM_FlitlogThreeArgs);
 
-// Adds each subject's ratio against the baseline reported before it.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(std::vector<Run> const& runs) override {
-    std::vector<Run> out = runs;
-    for (Run& run : out) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      std::string const name = run.run_name.function_name;
-      double const ns = run.GetAdjustedCPUTime() * unitNs(run.time_unit);
-      if (name == "BM_EmptyLoop" || name == "BM_Snprintf") baselines_[name] = ns;
-      if (name == "BM_TraceDisabled" && baselines_.count("BM_EmptyLoop")) {
-        double const base = baselines_["BM_EmptyLoop"];
-        run.counters["ratio_vs_empty_loop"] = benchmark::Counter(ns / base);
-        run.counters["overhead_ns"] = benchmark::Counter(ns - base);
-      }
-      if (name == "BM_FlitlogThreeArgs" && baselines_.count("BM_Snprintf")) {
-        run.counters["ratio_vs_snprintf"] = benchmark::Counter(baselines_["BM_Snprintf"] / ns);
-      }
-    }
-    ConsoleReporter::ReportRuns(out);
+double unitNs(benchmark::TimeUnit unit) {
+  switch (unit) {
+    case benchmark::kSecond:
+      return 1e9;
+    case benchmark::kMillisecond:
+      return 1e6;
+    case benchmark::kMicrosecond:
+      return 1e3;
+    default:
+      return 1;
   }
+}
 
- private:
-  static double unitNs(benchmark::TimeUnit unit) {
-    switch (unit) {
-      case benchmark::kSecond:
-        return 1e9;
-      case benchmark::kMillisecond:
-        return 1e6;
-      case benchmark::kMicrosecond:
-        return 1e3;
-      default:
-        return 1;
+// Adds each subject's ratio against the baseline reported before it.
+void addRatios(VeskBench::Runs& runs, std::map<std::string, double>& baselines) {
+  for (auto& run : runs) {
+    if (run.run_type != benchmark::BenchmarkReporter::Run::RT_Iteration || run.error_occurred) {
+      continue;
+    }
+    std::string const name = run.run_name.function_name;
+    double const ns = run.GetAdjustedCPUTime() * unitNs(run.time_unit);
+    if (name == "BM_EmptyLoop" || name == "BM_Snprintf") baselines[name] = ns;
+    if (name == "BM_TraceDisabled" && baselines.count("BM_EmptyLoop")) {
+      double const base = baselines["BM_EmptyLoop"];
+      run.counters["ratio_vs_empty_loop"] = benchmark::Counter(ns / base);
+      run.counters["overhead_ns"] = benchmark::Counter(ns - base);
+    }
+    if (name == "BM_FlitlogThreeArgs" && baselines.count("BM_Snprintf")) {
+      run.counters["ratio_vs_snprintf"] = benchmark::Counter(baselines["BM_Snprintf"] / ns);
     }
   }
-  std::map<std::string, double> baselines_;
-};
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return VeskBench::runBenchmarks(
+      argc, argv, [baselines = std::map<std::string, double>()](VeskBench::Runs& runs) mutable {
+        addRatios(runs, baselines);
+      });
 }

@@ -17,6 +17,7 @@
 #include "registry/MountsRegistrySm.h"
 #include "sim/ExpectedMounts.h"
 #include "sim/World.h"
+#include "tests/support/FailureText.h"
 
 namespace Controller {
 namespace {
@@ -592,6 +593,16 @@ TEST_F(RegistryMachines, ReinstantiationAndNullParametersFailWithTheirTexts) {
                  "_oobStatus has a different value of");
   }
   entries.cleanupAndDelAll();
+
+  // The factory hands out the registry's one machine, and refuses one of other inputs.
+  EXPECT_EQ(world.startRegistry(), sm);
+  auto otherRecords = Controllerdb::publishStatusFactory("other");
+  EXPECT_EQ(testsupport::failureText<Vesk::ReinstantiationException>([&] {
+              mountsRegistrySmFactory(world.registry(), world.oobStatus(), world.heartbeatConfig(),
+                                      world.mountStatusDir(), otherRecords);
+            }),
+            "Reinstantiating the pointer interface where constructor parameter attribute "
+            "_controllerdbPublishStatus has a different value of");
 }
 
 TEST(RegistryMachineInvariants, ConnectingAPeerWithoutItsConfigurationStopsTheProcess) {

@@ -340,6 +340,7 @@ void PublishRegistryEntrySm::publish(SystemId const& systemId,
                         publishEntry_->serviceName()};
   VESK_ASSERT(!!mdesc);
   record.publishedMountIs(mdesc);
+  mayHavePublished_ = true;
   VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::doConnectSwitch", " publishing ssm:", path,
              " to:", system, " type: ", mdesc.veskType, " service: ", mdesc.serviceName);
 }
@@ -360,10 +361,11 @@ void PublishRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
 }
 
 void PublishRegistryEntrySm::withdrawEverywhere() {
-  if (!controllerdbPublishStatus_) return;
+  if (!controllerdbPublishStatus_ || !mayHavePublished_) return;
   for (auto const& [systemId, record] : controllerdbPublishStatus_->systemMembers()) {
     doDisconnectSwitch(systemId);
   }
+  mayHavePublished_ = false;
 }
 
 void PublishRegistryEntrySm::markProcessed() {

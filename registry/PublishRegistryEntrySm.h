@@ -134,6 +134,9 @@ class PublishRegistryEntrySm : public Vesk::PtrInterface {
   bool initialized_ = false;
   bool processed_ = false;
   bool cleaningUp_ = false;
+  // Set by every publish, cleared once everything is withdrawn: a machine that polls for a
+  // missing entity does not walk every system's record each second to withdraw nothing.
+  bool mayHavePublished_ = false;
   uint64_t decisions_ = 0;
   [[no_unique_address]] Vesk::LiveCount<PublishRegistryEntrySm> liveCount_;
 };

@@ -119,31 +119,20 @@ void ServicePublishGroupSm::handlePublishDir() {
   for (auto const& [path, dir] : publishGroupConfig_->publishDirMembers()) handlePublishDir(path);
 }
 
-// Whether path is in the registry already, from another publisher or from an earlier turn
-// of this group; either way the entry as it stands is kept.
-bool ServicePublishGroupSm::alreadyPublished(Vesk::Name const& path, char const* operation) const {
-  Vesk::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntry(path);
-  if (!entry) return false;
-  if (ownEntry(path)) {
-    VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::", operation, " kept:", path,
-               " service:", serviceName(), " group:", groupName_);
-  } else if (std::string_view(operation) == "addPublishDir") {
-    VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::", "addPublishDir",
-               " already published. Ignoring publishDir from: ", serviceName(),
-               " group:", groupName_, " cpath:", path, " publisher:", entry->serviceName());
-  } else {
-    VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::", "addPublishConfig",
-               " already published. Ignoring publish from:", serviceName(), " group:", groupName_,
-               " cpath:", path, " publisher:", entry->serviceName());
-  }
-  return true;
-}
-
+// A path already in the registry keeps its entry as it stands: from an earlier turn of this
+// group it is already right, and from another publisher it stays theirs.
 void ServicePublishGroupSm::addPublishConfig(
     Vesk::Ptr<PublishConfig const> const& publishConfig,
     Vesk::Ptr<ServicePublishGroupConfig const> const& groupConfig) {
   Vesk::Name const& path = publishConfig->controllerdbPath();
-  if (alreadyPublished(path, "addPublishConfig")) return;
+  if (Vesk::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntry(path)) {
+    if (!ownEntry(path)) {
+      VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::addPublishConfig",
+                 " already published. Ignoring publish from:", serviceName(), " group:", groupName_,
+                 " cpath:", path, " publisher:", entry->serviceName());
+    }
+    return;
+  }
   addPublishDirOrConfig(path, publishConfig->remotePath(), publishConfig->plovType(), false, true,
                         groupConfig);
 }
@@ -152,7 +141,14 @@ void ServicePublishGroupSm::addPublishDir(
     Vesk::Ptr<PublishDir const> const& publishDir,
     Vesk::Ptr<ServicePublishGroupConfig const> const& groupConfig) {
   Vesk::Name const& path = publishDir->controllerdbPath();
-  if (alreadyPublished(path, "addPublishDir")) return;
+  if (Vesk::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntry(path)) {
+    if (!ownEntry(path)) {
+      VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::addPublishDir",
+                 " already published. Ignoring publishDir from: ", serviceName(),
+                 " group:", groupName_, " cpath:", path, " publisher:", entry->serviceName());
+    }
+    return;
+  }
   addPublishDirOrConfig(path, publishDir->remoteTargetPath(), publishDir->veskType(), true, false,
                         groupConfig);
 }

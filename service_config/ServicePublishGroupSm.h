@@ -93,7 +93,6 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   class GroupReactor;
 
   bool publishing() const;
-  bool alreadyPublished(Vesk::Name const& path, char const* operation) const;
   void addPublishDirOrConfig(Vesk::Name const& path, Vesk::String const& remotePath,
                              Vesk::String const& type, bool isPrefixPath, bool readyToPublish,
                              Vesk::Ptr<ServicePublishGroupConfig const> const& groupConfig);

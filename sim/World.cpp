@@ -1,5 +1,7 @@
 #include "sim/World.h"
 
+#include <string_view>
+
 #include "framework/EthAddr.h"
 #include "framework/Exception.h"
 #include "initial_mount/ProcessedSwitch.h"
@@ -57,6 +59,7 @@ World::World(WorldOptions const& options)
   registerMountInterfaceTypes();
   registerMountsRegistryTypes();
   registerProcessedSwitchTypes();
+  registerLocalStateTypes();
 
   if (options_.driver == DriverKind::automatic) {
     // Its own stream, so that scenario draws from rng() do not shift mount latencies.
@@ -88,6 +91,7 @@ World::World(WorldOptions const& options)
   proxyMountStatusDir_ = rootDir_->subdirIs("proxyMountStatus");
   registryDir_ = rootDir_->subdirIs("mountsRegistry");
   mountRootDir_ = rootDir_->subdirIs("mounts");
+  localDir_ = rootDir_->subdirIs("local");
   registry_ = new Controller::MountsRegistry(
       "mountsRegistry", registryDir_, registryDir_->fullName(), mountRootDir_,
       options_.remoteRootPath, options_.reconnectRetries, options_.mountTimeout);
@@ -113,6 +117,50 @@ AutoMountDriver* World::autoMountDriver() const {
 
 ManualMountDriver* World::manualMountDriver() const {
   return dynamic_cast<ManualMountDriver*>(driver_.get());
+}
+
+// ---- the local state tree -------------------------------------------------------------------
+
+Ptr<LocalEntity> World::localEntityIs(String const& path) {
+  auto const [dir, name] = localParentOf(path, true);
+  return Vesk::static_ptr_cast<LocalEntity>(dir->entryIs(name, LocalEntity::typeName));
+}
+
+Ptr<Vesk::Dir> World::localDirIs(String const& path) {
+  auto const [dir, name] = localParentOf(path, true);
+  return dir->subdirIs(name);
+}
+
+void World::localEntityDel(String const& path) {
+  auto const [dir, name] = localParentOf(path, false);
+  if (dir) dir->entityPtrDel(name);
+}
+
+std::pair<Ptr<Vesk::Dir>, Name> World::localParentOf(String const& path, bool create) {
+  std::string_view const root = rootDir_->name().view();
+  std::string_view rest = path.view();
+  bool const wellFormed = rest.size() > root.size() + 2 && rest[0] == '/' &&
+                          rest.substr(1, root.size()) == root && rest[root.size() + 1] == '/' &&
+                          rest.find("//") == std::string_view::npos && !rest.ends_with('/');
+  if (!wellFormed) {
+    Vesk::throwRangeException(
+        ("local path '" + path + "' does not name an entry below /" + rootDir_->name()).charPtr());
+  }
+  rest.remove_prefix(root.size() + 2);
+  Ptr<Vesk::Dir> dir = rootDir_;
+  for (size_t slash = rest.find('/'); slash != std::string_view::npos; slash = rest.find('/')) {
+    Name const component{String(rest.substr(0, slash))};
+    rest.remove_prefix(slash + 1);
+    Ptr<Vesk::Entity> const next = dir->entry(component);
+    if (!next && !create) return {nullptr, Name()};
+    dir = next ? Vesk::ptr_cast<Vesk::Dir>(next) : dir->subdirIs(component);
+    if (!dir) {
+      Vesk::throwRangeException(
+          ("local path '" + path + "' runs through " + next->fullName() + ", not a directory")
+              .charPtr());
+    }
+  }
+  return {dir, Name(String(rest))};
 }
 
 // ---- switches -------------------------------------------------------------------------------
@@ -243,6 +291,21 @@ ServiceDeclaration World::declareService(Name const& agentName, String const& se
 void World::undeclareService(Name const& agentName, bool proxy) {
   (proxy ? proxyMountConfigDir_ : mountConfigDir_)->entityPtrDel(agentName);
   (proxy ? proxyMountStatusDir_ : mountStatusDir_)->entityPtrDel(agentName);
+}
+
+PublishDeclaration World::declarePublishService(Name const& agentName, String const& serviceName) {
+  Ptr<Controller::ServicePublishStatus> status = Controller::servicePublishStatusFactory(agentName);
+  publishStatusDir_->entityPtrIs(status);
+  Ptr<Controller::ServicePublishConfig> config = Controller::servicePublishConfigFactory(agentName);
+  config->serviceNameIs(serviceName);
+  config->leaderGenIdIs(controllerdbStatus_->leaderGenId());
+  publishConfigDir_->entityPtrIs(config);
+  return PublishDeclaration(config, status);
+}
+
+void World::undeclarePublishService(Name const& agentName) {
+  publishConfigDir_->entityPtrDel(agentName);
+  publishStatusDir_->entityPtrDel(agentName);
 }
 
 Ptr<Controller::Mounter> World::registryMounterIs(ServiceDeclaration const& service,

@@ -6,7 +6,8 @@
 // into, the registry itself, a ManualClock installed as the current activity's clock and
 // the mount driver installed for mount machines. Its operations are what those siblings
 // and services do: connect and remove switches, negotiate service versions, mark switches
-// inactive, change leaders, declare mounts. It runs no state machine of its own.
+// inactive, change leaders, declare mounts and publishes, and keep the local state tree
+// whose entities services publish. It runs no state machine of its own.
 //
 // TYPICAL USAGE:
 //   Sim::World world;                                  // virtual time 0, automatic mounts
@@ -20,12 +21,15 @@
 // and the installed mount driver, restoring both when destroyed, so worlds must be
 // destroyed in reverse order of creation). negotiate, renegotiate, serviceDel,
 // serviceEnabledIs and removeSwitch on a system that is not connected throw
-// Vesk::RangeException; inactive marks may name any system.
+// Vesk::RangeException; inactive marks may name any system. The local tree's operations take
+// full names ("/controller/local/a/b") and throw Vesk::RangeException for a path outside the
+// controller's tree or one that runs through an entry that is not a directory.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "framework/Activity.h"
@@ -37,6 +41,8 @@
 #include "registry/MountsRegistry.h"
 #include "registry/MountsRegistrySm.h"
 #include "sim/AutoMountDriver.h"
+#include "sim/LocalState.h"
+#include "sim/PublishDeclaration.h"
 #include "sim/Rng.h"
 
 namespace Sim {
@@ -139,6 +145,16 @@ class World {
   Vesk::Ptr<Vesk::Dir> const& mountRootDir() const { return mountRootDir_; }
   Vesk::Ptr<Controller::MountsRegistry> const& registry() const { return registry_; }
 
+  // ---- the local state tree ----------------------------------------------------------------
+  // "/controller/local", where the entities services publish usually live.
+  Vesk::Ptr<Vesk::Dir> const& localDir() const { return localDir_; }
+  // Each creates the entry at path unless one of its type exists, and the directories on the
+  // way; an existing entry of another type is a name-in-use failure.
+  Vesk::Ptr<LocalEntity> localEntityIs(Vesk::String const& path);
+  Vesk::Ptr<Vesk::Dir> localDirIs(Vesk::String const& path);
+  // Removes the entry at path, if any.
+  void localEntityDel(Vesk::String const& path);
+
   // ---- the mount driver ------------------------------------------------------------------
   std::shared_ptr<Controller::MountDriver> const& driver() const { return driver_; }
   // Null unless the world runs that kind of driver.
@@ -193,6 +209,12 @@ class World {
                                     bool proxy = false);
   void undeclareService(Vesk::Name const& agentName, bool proxy = false);
 
+  // Places a publish status and then a publish configuration record (serviceName and the
+  // current leaderGenId set) under agentName.
+  PublishDeclaration declarePublishService(Vesk::Name const& agentName,
+                                           Vesk::String const& serviceName);
+  void undeclarePublishService(Vesk::Name const& agentName);
+
   // Adds one declared mount to the registry by hand, as the service configuration machines
   // would: the entry (named remotePath unless entryName is given) and the service's mounter.
   Vesk::Ptr<Controller::Mounter> registryMounterIs(ServiceDeclaration const& service,
@@ -208,6 +230,9 @@ class World {
   SwitchRecords const& switchOf(Controller::SystemId const& system) const;
   void negotiation(Controller::SystemId const& system, Vesk::Name const& service, uint32_t version,
                    Negotiation const& how, bool freshRecord);
+  // The directory that holds, or is to hold, the entry at path, and the entry's name. The
+  // directories on the way are created when create is set; else a missing one gives null.
+  std::pair<Vesk::Ptr<Vesk::Dir>, Vesk::Name> localParentOf(Vesk::String const& path, bool create);
 
   WorldOptions const options_;
   // First, so that it is restored last.
@@ -233,6 +258,7 @@ class World {
   Vesk::Ptr<Vesk::Dir> proxyMountStatusDir_;
   Vesk::Ptr<Vesk::Dir> registryDir_;
   Vesk::Ptr<Vesk::Dir> mountRootDir_;
+  Vesk::Ptr<Vesk::Dir> localDir_;
   Vesk::Ptr<Controller::MountsRegistry> registry_;
 
   std::map<Controller::SystemId, SwitchRecords> switches_;

@@ -17,6 +17,16 @@
 //   FilterChange     one system filter gains a switch and loses it again
 //   Renegotiation    one switch renegotiates one service's version back and forth
 //
+// The publish side has a fleet of its own: the same 1,000 switches, 200 publish entries (a
+// quarter of them prefix paths, whose directories get one sub-directory per admitted switch)
+// of 10 services, with version filters and system filters on some. Its benchmarks report
+// ns_per_decision and ratio_vs_reference over the publish machines' decisions, the
+// reference being the publish evaluator on the same world:
+//
+//   PublishFullConnect   every switch connects and negotiates until every admissible pair is
+//                        published (publish_s: the CPU seconds of the whole step)
+//   PublishSwitchFlap    one connected switch leaves and comes back
+//
 // As the registry's host, the benchmark chooses where the framework's small objects live:
 // --chunks=populated (the default), heap, large or large_populated (see main).
 #include <benchmark/benchmark.h>
@@ -30,7 +40,9 @@
 
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
+#include "registry/PublishRegistryEntrySm.h"
 #include "sim/ExpectedMounts.h"
+#include "sim/ExpectedPublishes.h"
 #include "sim/HostChunks.h"
 #include "sim/World.h"
 
@@ -247,6 +259,137 @@ void Renegotiation(benchmark::State& state) {
   });
 }
 BENCHMARK(Renegotiation)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
+
+// ---- publishing -----------------------------------------------------------------------------
+
+constexpr unsigned kPublishEntries = 200;
+constexpr unsigned kPublishServices = 10;
+
+class PublishFleet {
+ public:
+  PublishFleet() : world_(options()) {
+    Vesk::Ptr<Vesk::Dir> local = world_.rootDir()->subdirIs("local");
+    for (unsigned k = 0; k < kPublishServices; ++k) {
+      versionFilters_.push_back(Controller::mountFilterServiceVersionFactory("v"));
+      versionFilters_.back()->includedServiceVersionIs(2, true);
+      systemFilters_.push_back(Controller::mountFilterSystemFactory("s"));
+      for (unsigned i = k; i < kSwitches; i += 2) {
+        systemFilters_.back()->includedSystemIs(Sim::World::systemOf(i + 1).stringValue(), true);
+      }
+    }
+    for (unsigned e = 0; e < kPublishEntries; ++e) {
+      unsigned const k = e % kPublishServices;
+      bool const prefix = e % 4 == 0;
+      std::string const name = "p" + std::to_string(e);
+      local->subdirIs(Vesk::Name(name));
+      auto entry = world_.registry()->publishEntryIs(
+          Vesk::Name("/controller/local/" + name), Vesk::String("/published/" + name),
+          Vesk::String(realName(k)), prefix, "Vesk::Dir", k % 3 == 1 ? versionFilters_[k] : nullptr,
+          k % 3 == 2 ? systemFilters_[k] : nullptr);
+      entry->readyToPublishIs(true);
+    }
+    registry_ = world_.startRegistry();
+  }
+  ~PublishFleet() { registry_->doCleanup(); }
+
+  void connect(unsigned i) {
+    SystemId s = world_.connectSwitch(i);
+    for (unsigned k = 0; k < kPublishServices; ++k) {
+      world_.negotiate(s, Vesk::Name(realName(k)), 1 + i % 2);
+    }
+  }
+  void connectAll() {
+    for (unsigned i = 1; i <= kSwitches; ++i) connect(i);
+  }
+
+  uint64_t decisions() const {
+    uint64_t n = 0;
+    for (auto const& [name, sm] : registry_->publishRegistryEntrySms().members()) {
+      n += sm->decisions();
+    }
+    return n;
+  }
+  size_t published() const {
+    size_t n = 0;
+    for (auto const& [s, record] : world_.publishStatus()->systemMembers()) {
+      n += record->publishedMountSize();
+    }
+    return n;
+  }
+
+  // CPU seconds per (entry, switch) pair of the publish evaluator over the whole world.
+  double referencePerDecision() {
+    double const start = cpuSeconds();
+    auto const expected = Sim::expectedPublishes(world_);
+    double const seconds = cpuSeconds() - start;
+    benchmark::DoNotOptimize(expected.size());
+    size_t const pairs = world_.registry()->publishEntrySize() * world_.peerTable()->peerSize();
+    return seconds / double(pairs ? pairs : 1);
+  }
+
+  Sim::World& world() { return world_; }
+
+ private:
+  static Sim::WorldOptions options() {
+    Sim::WorldOptions o;
+    o.seed = 13;
+    return o;
+  }
+  Sim::World world_;
+  std::vector<Vesk::Ptr<Controller::MountFilterServiceVersion>> versionFilters_;
+  std::vector<Vesk::Ptr<Controller::MountFilterSystem>> systemFilters_;
+  Vesk::Ptr<Controller::MountsRegistrySm> registry_;
+};
+
+void reportPublish(benchmark::State& state, PublishFleet& fleet, uint64_t decisions,
+                   double seconds) {
+  double const perDecision = seconds / double(decisions ? decisions : 1);
+  state.counters["decisions"] = double(decisions);
+  state.counters["published"] = double(fleet.published());
+  state.counters["ns_per_decision"] = perDecision * 1e9;
+  state.counters["ratio_vs_reference"] = perDecision / fleet.referencePerDecision();
+}
+
+void PublishFullConnect(benchmark::State& state) {
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto fleet = std::make_unique<PublishFleet>();
+    uint64_t const before = fleet->decisions();
+    state.ResumeTiming();
+    double const start = cpuSeconds();
+    fleet->connectAll();
+    double const seconds = cpuSeconds() - start;
+    state.PauseTiming();
+    reportPublish(state, *fleet, fleet->decisions() - before, seconds);
+    state.counters["publish_s"] = seconds;
+    fleet.reset();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(PublishFullConnect)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime();
+
+void PublishSwitchFlap(benchmark::State& state) {
+  static std::unique_ptr<PublishFleet> fleet = [] {
+    auto f = std::make_unique<PublishFleet>();
+    f->connectAll();
+    return f;
+  }();
+  uint64_t decisions = 0;
+  double seconds = 0;
+  for (auto _ : state) {
+    uint64_t const before = fleet->decisions();
+    double const start = cpuSeconds();
+    fleet->world().removeSwitch(Sim::World::systemOf(7));
+    fleet->connect(7);
+    seconds += cpuSeconds() - start;
+    decisions += fleet->decisions() - before;
+  }
+  reportPublish(state, *fleet, decisions, seconds);
+}
+BENCHMARK(PublishSwitchFlap)->Unit(benchmark::kMicrosecond)->MeasureProcessCPUTime();
 
 }  // namespace
 

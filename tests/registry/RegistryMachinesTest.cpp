@@ -15,7 +15,9 @@
 #include "registry/MounterConfigSm.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
+#include "registry/PublishRegistryEntrySm.h"
 #include "sim/ExpectedMounts.h"
+#include "sim/ExpectedPublishes.h"
 #include "sim/World.h"
 #include "tests/support/FailureText.h"
 
@@ -715,9 +717,26 @@ void expectNoStrayStatus(Sim::World& world, std::string const& when) {
 // reference's answer, once every mount has settled. A service never sees a mount where its
 // group is not interested, sees every mount made where it is, in the mount's state, and
 // (when every system has been decided) the mounts not made where it is interested.
+// Runs the clock until every mount has settled, then once more through a presence check: a
+// publish machine whose local entity is missing looks for it once a second for as long as
+// it is missing, which would keep the clock busy to any limit.
+void settle(Sim::World& world, MountsRegistrySm const& sm) {
+  auto polls = [&] {
+    size_t armed = 0;
+    for (auto const& [name, publishSm] : sm.publishRegistryEntrySms().members()) {
+      armed += publishSm->entityPresenceCheckTime() != Vesk::Clock::never;
+    }
+    return armed;
+  };
+  Vesk::Seconds const limit = world.now() + 600;
+  Vesk::ManualClock& clock = *world.clock();
+  while (clock.armedCount() > polls() && clock.nextWakeup() <= limit) clock.runNext();
+  world.advance(PublishRegistryEntrySm::kPresenceCheckPeriod);
+}
+
 void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& when,
                    Expectations expect = {}) {
-  world.runUntilQuiet(600);
+  settle(world, sm);
   for (auto const& [name, entrySm] : sm.mountsRegistryEntrySms().members()) {
     EXPECT_TRUE(world.registry()->mountEntry(name)) << when << ": a machine outlives " << name;
   }
@@ -765,6 +784,12 @@ void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& w
     }
   }
   expectNoStrayStatus(world, when);
+  for (auto const& [name, publishSm] : sm.publishRegistryEntrySms().members()) {
+    EXPECT_TRUE(world.registry()->publishEntry(name)) << when << ": a machine outlives " << name;
+  }
+  for (std::string const& mismatch : Sim::publishMismatches(world)) {
+    ADD_FAILURE() << when << ": " << mismatch;
+  }
 }
 
 // ---- random steps against the reference ----------------------------------------------------
@@ -772,8 +797,10 @@ void expectMatches(Sim::World& world, MountsRegistrySm& sm, std::string const& w
 // One seeded run of random steps of what services and sibling components do, on a small
 // world of four services whose groups cover every kind of filter (one service with two
 // groups), with entries shared between them; entries go, and come back with their
-// mounters. Some steps are checked against the reference once the mounts settle; the
-// others land while earlier mounts are still on their way.
+// mounters. Each service also publishes one local entity (one of them a directory published
+// per switch) under its group's filters; publish entries, local entities, their filters and
+// readiness come and go. Some steps are checked against the reference once the mounts
+// settle; the others land while earlier mounts are still on their way.
 class RandomRun {
  public:
   RandomRun(uint64_t seed, double failureProbability, unsigned switches)
@@ -792,6 +819,10 @@ class RandomRun {
     services_[3].versionFilterIs("both", {1});
     services_[3].systemFilterIs("both", {Sim::World::systemOf(2), Sim::World::systemOf(4)});
     for (unsigned i = 1; i <= switches_; i += 2) world_.connectSwitch(i);
+    for (Publish const& p : kPublishes) {
+      if (p.present) localIs(p);
+      publishEntryIs(p);
+    }
     world_.autoMountDriver()->requestObserverIs(
         [this](MountSm const& sm, Controller::MountDriver::Request request) {
           judge(sm, request);
@@ -823,6 +854,84 @@ class RandomRun {
     char const* group;
     char const* path;
   };
+  // A publish entry of one of the services, filtered by that service's mount group filters
+  // (which the mount side's steps change too), and whether its local entity starts present.
+  struct Publish {
+    char const* name;  // in the local tree
+    char const* service;
+    unsigned filters;  // the services_ index whose group filters it takes
+    char const* group;
+    bool prefix;
+    bool present;
+  };
+  static constexpr Publish kPublishes[] = {{"p0", "Foo", 0, "all", false, true},
+                                           {"p1", "Bar", 1, "v", false, false},
+                                           {"dir", "Baz", 2, "few", true, true},
+                                           {"p3", "Qux-Proxy", 3, "both", false, false}};
+
+  static Vesk::String localPath(Publish const& p) {
+    return Vesk::String("/controller/local/") + p.name;
+  }
+  void localIs(Publish const& p) {
+    if (p.prefix) {
+      world_.localDirIs(localPath(p));
+    } else {
+      world_.localEntityIs(localPath(p));
+    }
+  }
+  void publishEntryIs(Publish const& p) {
+    auto group = services_[p.filters].config()->mountGroupConfig(p.group);
+    auto entry = world_.registry()->publishEntryIs(
+        localPath(p), Vesk::String("/published/") + p.name, p.service, p.prefix,
+        p.prefix ? "Vesk::Dir" : "Sim::LocalEntity", group->versionFilter(), group->systemFilter());
+    entry->readyToPublishIs(true);
+  }
+
+  // Takes one random publishing step and says which: an entry goes or comes back, its local
+  // entity goes or comes back (a prefix entry's directory may come back as a plain entity),
+  // its filters follow its group's or are dropped, or its ready flag flips.
+  std::string publishStep() {
+    Publish const& p = kPublishes[rng_.below(std::size(kPublishes))];
+    std::string const what = std::string(" ") + p.name;
+    auto entry = world_.registry()->publishEntry(localPath(p));
+    switch (rng_.below(4)) {
+      case 0:
+        if (entry) {
+          world_.registry()->publishEntryDel(localPath(p));
+          return "publish entry gone:" + what;
+        }
+        publishEntryIs(p);
+        return "publish entry back:" + what;
+      case 1:
+        if (world_.localDir()->entry(p.name)) {
+          world_.localEntityDel(localPath(p));
+          return "local entity gone:" + what;
+        }
+        if (p.prefix && rng_.chance(0.2)) {
+          world_.localEntityIs(localPath(p));
+          return "local entity back, not a directory:" + what;
+        }
+        localIs(p);
+        return "local entity back:" + what;
+      case 2: {
+        if (!entry) return "nothing";
+        auto group = services_[p.filters].config()->mountGroupConfig(p.group);
+        bool const systems = rng_.chance(0.5);
+        bool const off = rng_.chance(0.5);
+        if (systems) {
+          entry->systemFilterIs(off ? nullptr : group->systemFilter());
+        } else {
+          entry->versionFilterIs(off ? nullptr : group->versionFilter());
+        }
+        return std::string(off ? "publish filter off:" : "publish filter follows its group:") +
+               what + (systems ? " systems" : " versions");
+      }
+      default:
+        if (!entry) return "nothing";
+        entry->readyToPublishIs(!entry->readyToPublish());
+        return std::string(entry->readyToPublish() ? "ready:" : "not ready:") + what;
+    }
+  }
 
   void declare(unsigned k, char const* agent, char const* service, bool proxy, char const* group,
                std::initializer_list<char const*> paths) {
@@ -915,7 +1024,7 @@ class RandomRun {
     SystemId const s = anySystem();
     std::string const on = " on " + std::string(s.stringValue().view());
     bool const connected = world_.connected(s);
-    switch (rng_.below(13)) {
+    switch (rng_.below(15)) {
       case 0:
         if (connected) {
           world_.removeSwitch(s);
@@ -1024,6 +1133,9 @@ class RandomRun {
       }
       case 11:
         return toggleFilter();
+      case 12:
+      case 13:
+        return publishStep();
       default:
         world_.advance(rng_.uniform(0.0, 2.0));
         return "time passes";

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "PublishWatcher.h"
+#include "Publishing.h"
 #include "StatusWatcher.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
@@ -50,7 +52,10 @@ std::string entryPath(unsigned j) {
 class Scenario {
  public:
   Scenario(ScenarioOptions const& o, std::ostream& out)
-      : o_(o), out_(out), world_(worldOptions(o)) {}
+      : o_(o),
+        out_(out),
+        world_(worldOptions(o)),
+        publishing_(world_, o.switches, out, [this](std::string const& text) { event(text); }) {}
 
   unsigned run() {
     declare();
@@ -60,11 +65,15 @@ class Scenario {
       // every status, which is not news.
       StatusWatcher plain(world_.mountStatusDir(), world_.clock(), printer());
       StatusWatcher proxies(world_.proxyMountStatusDir(), world_.clock(), printer());
+      PublishWatcher published(world_.publishStatus(), world_.clock(), publishPrinter());
       timeline();
       world_.runUntilQuiet(600.0);
     }
     printTree();
+    publishing_.printTree();
     unsigned disagreements = check();
+    disagreements += publishing_.check();
+    publishing_.stop();
     registry_->doCleanup();
     return disagreements;
   }
@@ -82,6 +91,29 @@ class Scenario {
       if (!o_.events) return;
       out_ << fixed(e.time) << "  status  " << e.service << " " << e.system << " " << e.group << " "
            << (e.path.empty() ? "(group)" : e.path) << " " << valueToStrep(e.state) << "\n";
+    };
+  }
+  PublishWatcher::Sink publishPrinter() {
+    return [this](PublishEvent const& e) {
+      if (!o_.events) return;
+      out_ << fixed(e.time) << "  publish ";
+      switch (e.kind) {
+        case PublishEvent::Kind::published:
+          out_ << e.system << " " << e.path << " at " << e.remotePath << "\n";
+          break;
+        case PublishEvent::Kind::withdrawn:
+          out_ << e.system << " " << e.path << " withdrawn\n";
+          break;
+        case PublishEvent::Kind::recordGone:
+          out_ << e.system << " record gone with the switch, and every mount published to it\n";
+          break;
+        case PublishEvent::Kind::ready:
+          out_ << e.service << " ready " << (e.ready ? "yes" : "no") << "\n";
+          break;
+        case PublishEvent::Kind::readyGone:
+          out_ << e.service << " ready flag removed\n";
+          break;
+      }
     };
   }
   void event(std::string const& text) {
@@ -140,6 +172,7 @@ class Scenario {
         world_.registryMounterIs(s.declaration, Vesk::Name(s.group), path);
       }
     }
+    publishing_.declare();
     out_ << "Entries:";
     for (unsigned j = 0; j < o_.entries; ++j) out_ << " " << entryPath(j);
     out_ << "\n\n";
@@ -185,6 +218,7 @@ class Scenario {
         }
       });
     }
+    publishing_.schedule([this](double t, std::function<void()> action) { at(t, action); });
     std::stable_sort(actions_.begin(), actions_.end(),
                      [](auto const& a, auto const& b) { return a.first < b.first; });
     for (auto const& [t, action] : actions_) {
@@ -206,6 +240,7 @@ class Scenario {
             std::to_string(version));
       world_.negotiate(s, Vesk::Name(svc.realName), version);
     }
+    publishing_.negotiate(s, i);
   }
 
   // ---- the result -----------------------------------------------------------------------
@@ -301,6 +336,7 @@ class Scenario {
   ScenarioOptions const o_;
   std::ostream& out_;
   Sim::World world_;
+  Publishing publishing_;
   Vesk::Ptr<Controller::MountsRegistrySm> registry_;
   std::vector<Service> services_;
   std::vector<std::pair<double, std::function<void()>>> actions_;

@@ -255,6 +255,8 @@ void MountsRegistryEntrySm::handleMounter() {
 }
 
 void MountsRegistryEntrySm::evaluateMounters() {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::evaluateMounters",
+             " path:", registryEntry_->name());
   wildCardMount_ = false;
   for (auto const& [key, m] : registryEntry_->mounterMembers()) {
     ServiceMountGroupConfig const* group = m->mountGroupConfig().ptr();
@@ -346,6 +348,8 @@ bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId) {
 bool MountsRegistryEntrySm::canMountFromSystem(SystemId const& systemId, MountStateReactor* mount,
                                                Peer const* peer) {
   Vesk::String const& connection = systemId.stringValue();
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::canMountFromConnection",
+             " connection:", connection);
   bool negotiated = false;
   if (!cleaningUp_) {
     for (auto const& [key, m] : registryEntry_->mounterMembers()) {
@@ -423,6 +427,8 @@ bool MountsRegistryEntrySm::matchingServiceVersionFilter(Vesk::String const& ser
                                                          SystemId const& systemId,
                                                          Peer const* peer) {
   Vesk::String const& connection = systemId.stringValue();
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter",
+             " service:", service, " connection:", connection);
   Vesk::Ptr<ServiceVersionFilter> filter = versionFilter(Vesk::Name(service));
   if (!filter) {
     VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::matchingServiceVersionFilter",
@@ -488,6 +494,8 @@ bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Mounter const& mount
 }
 
 bool MountsRegistryEntrySm::preserveMountsOnDisconnect(SystemId const& systemId) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistryEntrySm::preserveMountsOnDisconnect",
+             " connection:", systemId.stringValue());
   if (!oobStatus_ || !oobStatus_->inactive(systemId)) return false;
   for (auto const& [key, m] : registryEntry_->mounterMembers()) {
     ServiceMountGroupConfig const* group = m->mountGroupConfig().ptr();

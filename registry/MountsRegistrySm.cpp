@@ -170,10 +170,14 @@ void MountsRegistrySm::handlePublishEntry(Vesk::Name const& name) {
   VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePublishEntry", " name:", name);
   Vesk::Ptr<PublishRegistryEntry> pe = mountsRegistry_->publishEntry(name);
   if (!pe) {
-    if (!publishRegistryEntrySm_(name)) return;
+    Vesk::Ptr<PublishRegistryEntrySm> gone = publishRegistryEntrySm_(name);
+    if (!gone) return;
     VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePublishEntry",
                " Deleting publish sm for: ", name);
+    Vesk::String const service = gone->publishEntry()->serviceName();
     publishRegistryEntrySmDel(name);
+    // The entry may have been the last of its service not yet processed.
+    handleServicePublishReady(service);
     return;
   }
   VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handlePublishEntry", " Controller Path:", name);
@@ -268,20 +272,32 @@ void MountsRegistrySm::handleInactivePeer(SystemId const& systemId) {
 }
 
 void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
-  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection",
-             " peer:", systemId.stringValue());
-  for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
-    entrySm->handleSwitchConnection(systemId);
-  }
+  entriesSwitchConnection(systemId);
   for (auto const& [name, publishSm] : publishRegistryEntrySm_.members()) {
     publishSm->handleSwitchConnection(systemId);
   }
 }
 
+void MountsRegistrySm::entriesSwitchConnection(SystemId const& systemId) {
+  VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection",
+             " peer:", systemId.stringValue());
+  for (auto const& [name, entrySm] : mountsRegistryEntrySm_.members()) {
+    entrySm->handleSwitchConnection(systemId);
+  }
+}
+
+// A publish machine's own full evaluation covers every peer, its inactive systems and its
+// local entity's presence, and is what marks its entry processed.
 void MountsRegistrySm::handleSwitchConnection() {
   VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleSwitchConnection", "()");
-  if (!peerTable_) return;
-  for (auto const& [systemId, peer] : peerTable_->peerMembers()) handleSwitchConnection(systemId);
+  if (peerTable_) {
+    for (auto const& [systemId, peer] : peerTable_->peerMembers()) {
+      entriesSwitchConnection(systemId);
+    }
+  }
+  for (auto const& [name, publishSm] : publishRegistryEntrySm_.members()) {
+    publishSm->handleSwitchConnection();
+  }
 }
 
 void MountsRegistrySm::handleServiceVersion(Vesk::Name const& connection,

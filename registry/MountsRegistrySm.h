@@ -114,6 +114,8 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   using PublishSet = Vesk::HashMap<Vesk::Name, Vesk::Ptr<PublishRegistryEntrySm>>;
 
   void publishRegistryEntrySmDel(Vesk::Name const& name);
+  // handleSwitchConnection(systemId) of the mount entries' machines alone.
+  void entriesSwitchConnection(SystemId const& systemId);
   // Whether every publish entry of the service has been processed by its machine; traces the
   // first that has not.
   bool publishEntriesProcessed(Vesk::String const& service) const;

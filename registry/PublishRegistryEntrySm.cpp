@@ -62,17 +62,21 @@ class PublishRegistryEntrySm::PresenceClock : public Vesk::Clock::Notifiee {
   PublishRegistryEntrySm* const owner_;
 };
 
-// Watches the directory that holds the local entity, for the entity's own name.
+// Watches one directory on the local entity's path, for the next name on the path.
 class PublishRegistryEntrySm::EntityDirReactor
     : public Vesk::OwnedReactor<Vesk::Dir::NotifieeConst, PublishRegistryEntrySm> {
  public:
-  using OwnedReactor::OwnedReactor;
-  void onEntityPtr(Vesk::Name const& name) override { owner_->handleLocalEntity(name); }
-  void watchedNameIs(Vesk::Name const& name) { watchedName_ = name; }
-  Vesk::Name const& watchedName() const { return watchedName_; }
+  EntityDirReactor(PublishRegistryEntrySm* owner, Vesk::Dir const* dir, Vesk::Name const& name)
+      : OwnedReactor(owner), watchedName_(name) {
+    notifierIs(dir);
+  }
+  // The reactor may be dropped inside the call: nothing of it is touched afterwards.
+  void onEntityPtr(Vesk::Name const& name) override {
+    if (name == watchedName_) owner_->handleLocalEntity();
+  }
 
  private:
-  Vesk::Name watchedName_;
+  Vesk::Name const watchedName_;
 };
 
 PublishRegistryEntrySm::PublishRegistryEntrySm(
@@ -91,7 +95,6 @@ PublishRegistryEntrySm::PublishRegistryEntrySm(
   versionFilterReactor_ = std::make_unique<VersionFilterReactor>(this);
   versionFilterReactor_->notifierIs(publishEntry_->versionFilter());
   presenceClock_ = std::make_unique<PresenceClock>(Vesk::currentActivity()->clock(), this);
-  entityDirReactor_ = std::make_unique<EntityDirReactor>(this);
   handleInitialized();
 }
 
@@ -136,12 +139,18 @@ Vesk::Entity* PublishRegistryEntrySm::localEntity() {
   Vesk::Name const& path = publishEntry_->name();
   if (entity_ && entity_->hasFullName(path.view())) return entity_.ptr();
   entity_ = lookUpLocal(path);
-  // The entity's directory is watched while there is one, so that the entity's going is seen.
-  Vesk::Dir const* holder =
-      entity_ ? dynamic_cast<Vesk::Dir const*>(entity_->parentRaw()) : nullptr;
-  entityDirReactor_->notifierIs(holder);
-  entityDirReactor_->watchedNameIs(holder ? entity_->name() : Vesk::Name());
+  watchLocalPath();
   return entity_.ptr();
+}
+
+void PublishRegistryEntrySm::watchLocalPath() {
+  entityWatch_.clear();
+  if (!entity_ || cleaningUp_) return;
+  for (Vesk::Entity const* e = entity_.ptr(); e->parentRaw(); e = e->parentRaw()) {
+    if (auto const* dir = dynamic_cast<Vesk::Dir const*>(e->parentRaw())) {
+      entityWatch_.push_back(std::make_unique<EntityDirReactor>(this, dir, e->name()));
+    }
+  }
 }
 
 bool PublishRegistryEntrySm::publishEntityExists() {
@@ -155,8 +164,7 @@ bool PublishRegistryEntrySm::publishEntityExists() {
   return true;
 }
 
-void PublishRegistryEntrySm::handleLocalEntity(Vesk::Name const& name) {
-  if (name != entityDirReactor_->watchedName()) return;
+void PublishRegistryEntrySm::handleLocalEntity() {
   VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::handleLocalEntity",
              " path:", publishEntry_->name());
   handleSwitchConnection();
@@ -253,7 +261,7 @@ bool PublishRegistryEntrySm::canPublishToSystem(SystemId const& systemId, Peer c
                " no systemfilter for ", path);
     return true;
   }
-  if (systems->includedSystem(connection)) {
+  if (systems->includedSystemMembers().find(connection)) {
     VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::canPublishToConnection",
                " matched systemFilter connection:", connection);
     return true;
@@ -266,7 +274,7 @@ bool PublishRegistryEntrySm::canPublishToSystem(SystemId const& systemId, Peer c
 bool PublishRegistryEntrySm::hasVersion(Vesk::String const& connection, uint32_t version) {
   MountFilterServiceVersion const* versions = publishEntry_->versionFilter().ptr();
   Vesk::String const& service = publishEntry_->serviceName();
-  if (versions && versions->includedServiceVersion(version)) {
+  if (versions && versions->includedServiceVersionMembers().find(version)) {
     VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::hasVersion", " matched version: ", version,
                " service:", service, " connection:", connection);
     return true;
@@ -368,8 +376,10 @@ void PublishRegistryEntrySm::withdrawEverywhere() {
   mayHavePublished_ = false;
 }
 
+// Before the registry machine is initialized, the systems' publish records may not be made
+// yet: its initialization evaluates every publish machine again, and that one counts.
 void PublishRegistryEntrySm::markProcessed() {
-  if (processed_) return;
+  if (processed_ || (parent_ && !parent_->initialized())) return;
   processed_ = true;
   VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::markProcessed",
              " path:", publishEntry_->name());
@@ -440,7 +450,7 @@ void PublishRegistryEntrySm::doCleanup() {
   entryReactor_.reset();
   systemFilterReactor_.reset();
   versionFilterReactor_.reset();
-  entityDirReactor_->notifierIs(static_cast<Vesk::Dir const*>(nullptr));
+  entityWatch_.clear();
   withdrawEverywhere();
 }
 

@@ -36,13 +36,18 @@
 //     ready flag back until every entry of the service is processed. Processed stays set.
 //   - Presence. While the local entity is missing the machine publishes nowhere, withdraws
 //     what it had published, and looks again once a second on the activity's clock. While it
-//     exists, the machine watches the directory that holds it, so that an entity that goes,
-//     or is replaced, is withdrawn at once rather than left published.
+//     exists, the machine watches every directory on its path for the next name on it, so
+//     that an entity that goes, is replaced, or loses a directory above it is withdrawn at
+//     once rather than left published.
+//   - Filters. A system filter admits the systems among its includedSystem keys, and a
+//     version filter the versions among its includedServiceVersion keys: a member is a
+//     member, whatever flag it carries.
 #pragma once
 
 #include <array>
 #include <memory>
 #include <tuple>
+#include <vector>
 
 #include "framework/Clock.h"
 #include "framework/Machine.h"
@@ -94,7 +99,7 @@ class PublishRegistryEntrySm : public Vesk::PtrInterface {
   void handleIncludedSystem(Vesk::String const& system);
   void handleIncludedServiceVersion(uint32_t version);
   void handleEntityPresenceCheckClock();
-  void handleLocalEntity(Vesk::Name const& name);
+  void handleLocalEntity();
   void handleInitialized();
   void doCleanup();
 
@@ -118,6 +123,7 @@ class PublishRegistryEntrySm : public Vesk::PtrInterface {
   // at that path.
   Vesk::Entity* localEntity();
   Vesk::Ptr<Vesk::Entity> lookUpLocal(Vesk::String const& path) const;
+  void watchLocalPath();
   void withdrawEverywhere();
   void markProcessed();
 
@@ -129,7 +135,8 @@ class PublishRegistryEntrySm : public Vesk::PtrInterface {
   std::unique_ptr<SystemFilterReactor> systemFilterReactor_;
   std::unique_ptr<VersionFilterReactor> versionFilterReactor_;
   std::unique_ptr<PresenceClock> presenceClock_;
-  std::unique_ptr<EntityDirReactor> entityDirReactor_;
+  // One per directory on the local entity's path, each watching the next name on it.
+  std::vector<std::unique_ptr<EntityDirReactor>> entityWatch_;
   Vesk::Ptr<Vesk::Entity> entity_;
   bool initialized_ = false;
   bool processed_ = false;

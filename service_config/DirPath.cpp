@@ -3,6 +3,7 @@
 #include <string_view>
 #include <vector>
 
+#include "framework/Exception.h"
 #include "framework/Trace.h"
 
 namespace Controller {
@@ -34,12 +35,20 @@ Vesk::Ptr<Vesk::Dir> subdirOf(Vesk::Ptr<Vesk::Dir> const& dir, Vesk::Name const&
     } else {
       VESK_TRACE(traceHandle, 5, "doCreateDirPath", " creating ", name);
     }
-    dir->entryIs(name, Vesk::Dir::typeName);
+    try {
+      dir->entryIs(name, Vesk::Dir::typeName);
+    } catch (Vesk::Exception const& e) {
+      // A notifiee of the directory refused the new entry: the walk stops here.
+      VESK_TRACE(traceHandle, 5, "doCreateDirPath", " could not create ", name, ": ", e.what());
+      return nullptr;
+    }
   }
-  Vesk::Ptr<Vesk::Dir> sub = Vesk::ptr_cast<Vesk::Dir>(dir->entityRef(name));
+  // Read again: a notifiee of the directory may have replaced or removed the new entry.
+  Vesk::Ptr<Vesk::Entity> held = dir->entityRef(name);
+  Vesk::Ptr<Vesk::Dir> sub = Vesk::ptr_cast<Vesk::Dir>(held);
   if (!sub) {
     VESK_TRACE(traceHandle, 5, "doCreateDirPath", " not a directory:", name,
-               " type:", existing->veskTypeName(), " in ", dir->fullName());
+               " type:", held ? held->veskTypeName() : "none", " in ", dir->fullName());
   }
   return sub;
 }

@@ -59,7 +59,7 @@ void PublishDirSm::handleReadyToPublish() {
   VESK_TRACE(traceHandle, 5, "PublishDirSm::handleReadyToPublish", " dir:", dirName_,
              " rpath:", publishDir_->remoteTargetPath(), " ready:", publishDir_->readyToPublish());
   if (!initialized_ || !declaredByGroup()) return;
-  Vesk::Ptr<PublishRegistryEntry> entry = parent_->ownEntry(dirName_);
+  Vesk::Ptr<PublishRegistryEntry> entry = parent_->ownEntry(dirName_, true);
   if (!entry) return;
   entry->remotePathIs(publishDir_->remoteTargetPath());
   entry->readyToPublishIs(publishDir_->readyToPublish());

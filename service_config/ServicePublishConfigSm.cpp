@@ -92,9 +92,9 @@ void ServicePublishConfigSm::handleServiceName() {
 }
 
 void ServicePublishConfigSm::handleInitialized() {
-  if (initialized_ || servicePublishConfig_->serviceName().empty()) return;
   VESK_TRACE(traceHandle, 5, "ServicePublishConfigSm::handleInitialized", " agent:", agentName_,
              " service:", servicePublishConfig_->serviceName());
+  if (initialized_ || servicePublishConfig_->serviceName().empty()) return;
   serviceName_ = servicePublishConfig_->serviceName();
   initialized_ = true;
   handlePublishGroupConfig();
@@ -113,13 +113,16 @@ void ServicePublishConfigSm::handleLeaderGenId() {
   VESK_TRACE(traceHandle, 5, "ServicePublishConfigSm::handleLeaderGenId",
              " service:", serviceName_);
   if (!initialized_) return;
+  // Under a current generation the groups publish first, so that the ready flag is raised
+  // over the entries it speaks for; under a stale one the flag goes first.
   if (canPublish()) {
+    for (auto const& [group, groupSm] : publishGroupSm_.members()) groupSm->handleLeaderGenId();
     handlePublishReady();
-  } else {
-    VESK_TRACE(traceHandle, 5, "ServicePublishConfigSm::handleLeaderGenId",
-               " Stale leaderGenId, cleanup publishReady flag for ", serviceName_);
-    publishReadyDel();
+    return;
   }
+  VESK_TRACE(traceHandle, 5, "ServicePublishConfigSm::handleLeaderGenId",
+             "Stale leaderGenId, cleanup publishReady flag for ", serviceName_);
+  publishReadyDel();
   for (auto const& [group, groupSm] : publishGroupSm_.members()) groupSm->handleLeaderGenId();
 }
 
@@ -146,6 +149,7 @@ void ServicePublishConfigSm::handlePublishGroupConfig(Vesk::Name const& group) {
 }
 
 void ServicePublishConfigSm::handlePublishGroupConfig() {
+  VESK_TRACE(traceHandle, 5, "ServicePublishConfigSm::handlePublishGroupConfig", "()");
   for (auto const& [group, config] : servicePublishConfig_->publishGroupConfigMembers()) {
     handlePublishGroupConfig(group);
   }

@@ -75,6 +75,12 @@ Vesk::Ptr<PublishRegistryEntry> ServicePublishGroupSm::ownEntry(Vesk::Name const
   return own ? entry : nullptr;
 }
 
+Vesk::Ptr<PublishRegistryEntry> ServicePublishGroupSm::ownEntry(Vesk::Name const& path,
+                                                                bool isPrefixPath) const {
+  Vesk::Ptr<PublishRegistryEntry> entry = ownEntry(path);
+  return entry && entry->isPrefixPath() == isPrefixPath ? entry : nullptr;
+}
+
 void ServicePublishGroupSm::handleInitialized() {
   VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::handleInitialized", " group:", groupName_);
   if (initialized_) return;
@@ -96,6 +102,7 @@ void ServicePublishGroupSm::handlePublishConfig(Vesk::Name const& path) {
 }
 
 void ServicePublishGroupSm::handlePublishConfig() {
+  VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::handlePublishConfig", " group:", groupName_);
   for (auto const& [path, config] : publishGroupConfig_->publishConfigMembers()) {
     handlePublishConfig(path);
   }
@@ -116,6 +123,7 @@ void ServicePublishGroupSm::handlePublishDir(Vesk::Name const& path) {
 }
 
 void ServicePublishGroupSm::handlePublishDir() {
+  VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::handlePublishDir", " group:", groupName_);
   for (auto const& [path, dir] : publishGroupConfig_->publishDirMembers()) handlePublishDir(path);
 }
 
@@ -164,14 +172,20 @@ void ServicePublishGroupSm::addPublishDirOrConfig(
       mountsRegistry_->publishEntryIs(path, remotePath, serviceName(), isPrefixPath, type,
                                       groupConfig->versionFilter(), groupConfig->systemFilter());
   entry->readyToPublishIs(readyToPublish);
-  addedPaths_.emplace(path, true);
+  addedPaths_.emplace(path, isPrefixPath);
 }
 
+// A path this group publishes the other way (a directory where a single entity is removed,
+// or the reverse) keeps its entry.
 void ServicePublishGroupSm::removePublishConfig(Vesk::Name const& path) {
+  VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::removePublishConfig", " cpath:", path);
+  if (ownEntry(path) && !ownEntry(path, false)) return;
   removePublishDirOrConfig(path);
 }
 
 void ServicePublishGroupSm::removePublishDir(Vesk::Name const& path) {
+  VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::removePublishDir", " cpath:", path);
+  if (ownEntry(path) && !ownEntry(path, true)) return;
   removePublishDirOrConfig(path);
 }
 

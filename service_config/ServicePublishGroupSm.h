@@ -67,8 +67,11 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   Vesk::Ptr<PublishDirSm> publishDirSmIs(Vesk::Ptr<PublishDir const> const& publishDir,
                                          ServicePublishGroupSm* owner);
 
-  // The registry entry under path when it is this group's, else null.
+  // The registry entry under path when it is this group's, else null; with a kind, only an
+  // entry of that kind (a directory's, or a single entity's), since a group may declare one
+  // path both ways and only the first gets the entry.
   Vesk::Ptr<PublishRegistryEntry> ownEntry(Vesk::Name const& path) const;
+  Vesk::Ptr<PublishRegistryEntry> ownEntry(Vesk::Name const& path, bool isPrefixPath) const;
 
   void addPublishConfig(Vesk::Ptr<PublishConfig const> const& publishConfig,
                         Vesk::Ptr<ServicePublishGroupConfig const> const& groupConfig);
@@ -107,7 +110,8 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   Vesk::Name const groupName_;
   Vesk::MachineCollection<Vesk::Name, PublishDirSm> publishDirSm_;
   std::unique_ptr<GroupReactor> groupReactor_;
-  Vesk::HashMap<Vesk::Name, bool> addedPaths_;  // the registry entries this group added
+  // The registry entries this group added, each with whether it publishes a directory.
+  Vesk::HashMap<Vesk::Name, bool> addedPaths_;
   bool initialized_ = false;
   [[no_unique_address]] Vesk::LiveCount<ServicePublishGroupSm> liveCount_;
 };

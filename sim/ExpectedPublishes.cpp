@@ -63,10 +63,11 @@ bool admits(World const& world, PublishRegistryEntry const& entry, SystemId cons
             String const& systemText) {
   uint32_t const version = negotiatedVersion(world, entry.serviceName(), system);
   if (version == 0) return false;
-  if (entry.versionFilter() && !entry.versionFilter()->includedServiceVersion(version)) {
+  if (entry.versionFilter() &&
+      !entry.versionFilter()->includedServiceVersionMembers().find(version)) {
     return false;
   }
-  return !entry.systemFilter() || entry.systemFilter()->includedSystem(systemText);
+  return !entry.systemFilter() || entry.systemFilter()->includedSystemMembers().find(systemText);
 }
 
 bool holdsNonDirectory(Vesk::Dir const& dir, String const& name) {

@@ -13,8 +13,9 @@
 //   1. the local entity exists, and is a Vesk::Dir when E is a prefix entry;
 //   2. E is ready to publish;
 //   3. E admits S: the negotiated version v of E's service on S (negotiatedVersion of
-//      ExpectedMounts.h) is non-zero, E's version filter (when set) includes v and E's system
-//      filter (when set) includes S;
+//      ExpectedMounts.h) is non-zero, E's version filter (when set) has v among its
+//      includedServiceVersion keys and E's system filter (when set) has S among its
+//      includedSystem keys, whatever flag the member carries;
 //   4. the controller database's publish status has a record for S;
 //   5. for a prefix entry, E's directory has no entry named after S that is not a directory
 //      (each admitted switch gets a sub-directory of that name there).

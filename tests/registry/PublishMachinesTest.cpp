@@ -85,6 +85,12 @@ TEST_F(PublishMachines, AMissingEntityIsPublishedWithinASecondOfAppearingAndWith
   EXPECT_FALSE(publishedOn(s1, "ports") || publishedOn(s2, "ports") || publishedOn(s3, "ports"))
       << "an entity that goes is withdrawn at once";
   EXPECT_EQ(psm->entityPresenceCheckTime(), world.now() + 1.0);
+
+  local()->subdirIs("ports");
+  world.advance(1.0);
+  EXPECT_TRUE(publishedOn(s1, "ports"));
+  world.rootDir()->entityPtrDel("local");
+  EXPECT_FALSE(publishedOn(s1, "ports")) << "so is one whose directory goes from above it";
 }
 
 TEST_F(PublishMachines, FiltersAdmitExactlyWhatTheyListAndAnUnsetOneAdmitsEveryVersion) {
@@ -108,10 +114,12 @@ TEST_F(PublishMachines, FiltersAdmitExactlyWhatTheyListAndAnUnsetOneAdmitsEveryV
 
   systems->includedSystemIs(s3.stringValue(), true);
   EXPECT_TRUE(publishedOn(s3, "ports"));
-  versions->includedServiceVersionIs(2, false);
+  versions->includedServiceVersionDel(2);
   EXPECT_FALSE(publishedOn(s2, "ports") || publishedOn(s3, "ports"));
-  versions->includedServiceVersionIs(1, true);
-  EXPECT_FALSE(publishedOn(s1, "ports")) << "s1 is listed as excluded by the system filter";
+  versions->includedServiceVersionIs(1, false);
+  EXPECT_TRUE(publishedOn(s1, "ports")) << "a member admits whatever flag it carries";
+  systems->includedSystemDel(s1.stringValue());
+  EXPECT_FALSE(publishedOn(s1, "ports"));
 
   Vesk::TraceCapture capture;
   e->systemFilterIs(nullptr);

@@ -623,6 +623,26 @@ TEST(RegistryMachineInvariants, ConnectingAPeerWithoutItsConfigurationStopsThePr
   EXPECT_DEATH(scenario(false, 9), "Assertion failed: peer ");
 }
 
+// A mounter must carry where its results go and the group that declared it; the invariants
+// name the missing one by itself.
+TEST(RegistryMachineInvariants, AMounterWithoutItsStatusOrGroupStopsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto scenario = [](bool withStatus) {
+    Sim::World world(manualDriver());
+    SystemId s1 = world.connectSwitch(1);
+    auto foo = world.declareService("fooAgent", "Foo");
+    auto mount = foo.mountIs("g", "/a");
+    auto entry = world.registry()->mountEntryIs("/a", "/a", "Vesk::Dir", "");
+    entry->mounterIs(MounterName("Foo", "g"), mount,
+                     withStatus ? nullptr : foo.config()->mountGroupConfig("g"),
+                     withStatus ? foo.status() : nullptr);
+    auto sm = world.startRegistry();
+    world.negotiate(s1, "Foo", 1);
+  };
+  EXPECT_DEATH(scenario(false), "Assertion failed: serviceMountStatus ");
+  EXPECT_DEATH(scenario(true), "Assertion failed: mountGroupConfig ");
+}
+
 // ---- cleanup ------------------------------------------------------------------------------
 
 TEST(RegistryCleanup, RemovingEntriesAndStoppingTheRegistryLeavesNothingBehind) {

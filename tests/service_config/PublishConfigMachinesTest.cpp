@@ -208,7 +208,19 @@ TEST_F(PublishConfigMachines, AStaleGenerationWithdrawsTheGroupsAndAMatchingOneR
 
   foo.group("g")->publishConfigIs("/b", "/remote/b", "Vesk::Dir");
   EXPECT_FALSE(entry("/b")) << "nothing is published while stale";
+  // The ready flag is raised over the entries it speaks for, not before them.
+  struct ReadySeen : MountsRegistry::NotifieeConst {
+    size_t entriesAtReady = 0;
+    void onServicePublishReady(Vesk::String const& service) override {
+      if (notifierRaw()->servicePublishReady(service)) {
+        entriesAtReady = notifierRaw()->publishEntrySize();
+      }
+    }
+  } seen;
+  seen.notifierIs(world.registry().ptr());
+  foo.config->readyIs(true);
   foo.config->leaderGenIdIs("2");
+  EXPECT_EQ(seen.entriesAtReady, 3u);
   ASSERT_TRUE(entry("/a"));
   ASSERT_TRUE(entry("/b"));
   ASSERT_TRUE(entry("/d"));

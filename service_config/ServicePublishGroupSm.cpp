@@ -221,23 +221,24 @@ void ServicePublishGroupSm::handleSystemFilter() {
   Vesk::Ptr<MountFilterSystem> const& filter = publishGroupConfig_->systemFilter();
   VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::handleSystemFilter", " group:", groupName_,
              " filter:", filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
-  for (auto const& [path, config] : publishGroupConfig_->publishConfigMembers()) {
-    if (auto entry = ownEntry(path)) entry->systemFilterIs(filter);
-  }
-  for (auto const& [path, dir] : publishGroupConfig_->publishDirMembers()) {
-    if (auto entry = ownEntry(path)) entry->systemFilterIs(filter);
-  }
+  forEachOwnEntry([&](PublishRegistryEntry& entry) { entry.systemFilterIs(filter); });
 }
 
 void ServicePublishGroupSm::handleVersionFilter() {
   Vesk::Ptr<MountFilterServiceVersion> const& filter = publishGroupConfig_->versionFilter();
   VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::handleVersionFilter", " group:", groupName_,
              " filter:", filter ? Vesk::String(filter->filterName()) : Vesk::String("None"));
+  forEachOwnEntry([&](PublishRegistryEntry& entry) { entry.versionFilterIs(filter); });
+}
+
+// The group's own entries, of the entities and the directories it declares.
+template <class F>
+void ServicePublishGroupSm::forEachOwnEntry(F const& f) const {
   for (auto const& [path, config] : publishGroupConfig_->publishConfigMembers()) {
-    if (auto entry = ownEntry(path)) entry->versionFilterIs(filter);
+    if (Vesk::Ptr<PublishRegistryEntry> entry = ownEntry(path)) f(*entry);
   }
   for (auto const& [path, dir] : publishGroupConfig_->publishDirMembers()) {
-    if (auto entry = ownEntry(path)) entry->versionFilterIs(filter);
+    if (Vesk::Ptr<PublishRegistryEntry> entry = ownEntry(path)) f(*entry);
   }
 }
 

@@ -93,6 +93,8 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   void doCleanup();
 
  private:
+  template <class F>
+  void forEachOwnEntry(F const& f) const;
   class GroupReactor;
 
   bool publishing() const;

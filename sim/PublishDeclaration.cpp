@@ -1,5 +1,7 @@
 #include "sim/PublishDeclaration.h"
 
+#include "sim/GroupFilters.h"
+
 namespace Sim {
 
 using Controller::ServicePublishGroupConfig;
@@ -35,18 +37,12 @@ Ptr<Controller::PublishDir> PublishDeclaration::publishDirIs(Name const& group,
 
 Ptr<Controller::MountFilterSystem> PublishDeclaration::systemFilterIs(
     Name const& group, std::vector<Controller::SystemId> const& systems) const {
-  Ptr<Controller::MountFilterSystem> filter = config_->systemFilterIs(group);
-  for (Controller::SystemId const& s : systems) filter->includedSystemIs(s.stringValue(), true);
-  groupIs(group)->systemFilterIs(filter);
-  return filter;
+  return detail::groupSystemFilterIs(*config_, *groupIs(group), group, systems);
 }
 
 Ptr<Controller::MountFilterServiceVersion> PublishDeclaration::versionFilterIs(
     Name const& group, std::vector<uint32_t> const& versions) const {
-  Ptr<Controller::MountFilterServiceVersion> filter = config_->versionFilterIs(group);
-  for (uint32_t v : versions) filter->includedServiceVersionIs(v, true);
-  groupIs(group)->versionFilterIs(filter);
-  return filter;
+  return detail::groupVersionFilterIs(*config_, *groupIs(group), group, versions);
 }
 
 }  // namespace Sim

@@ -5,6 +5,7 @@
 #include "framework/EthAddr.h"
 #include "framework/Exception.h"
 #include "initial_mount/ProcessedSwitch.h"
+#include "sim/GroupFilters.h"
 
 namespace Sim {
 
@@ -33,18 +34,13 @@ Ptr<Controller::MountConfig> ServiceDeclaration::mountIs(Name const& group, Name
 
 Ptr<Controller::MountFilterSystem> ServiceDeclaration::systemFilterIs(
     Name const& group, std::vector<SystemId> const& systems) const {
-  Ptr<Controller::MountFilterSystem> filter = config_->systemFilterIs(group);
-  for (SystemId const& s : systems) filter->includedSystemIs(s.stringValue(), true);
-  config_->mountGroupConfigIs(group)->systemFilterIs(filter);
-  return filter;
+  return detail::groupSystemFilterIs(*config_, *config_->mountGroupConfigIs(group), group, systems);
 }
 
 Ptr<Controller::MountFilterServiceVersion> ServiceDeclaration::versionFilterIs(
     Name const& group, std::vector<uint32_t> const& versions) const {
-  Ptr<Controller::MountFilterServiceVersion> filter = config_->versionFilterIs(group);
-  for (uint32_t v : versions) filter->includedServiceVersionIs(v, true);
-  config_->mountGroupConfigIs(group)->versionFilterIs(filter);
-  return filter;
+  return detail::groupVersionFilterIs(*config_, *config_->mountGroupConfigIs(group), group,
+                                      versions);
 }
 
 // ---- World ----------------------------------------------------------------------------------

@@ -2,18 +2,13 @@
 
 #include <map>
 
+#include "TimedSink.h"
+
 namespace MountSim {
 
 namespace {
 
-struct Context {
-  Vesk::Ptr<Vesk::Clock> clock;
-  PublishWatcher::Sink sink;
-  void report(PublishEvent e) const {
-    e.time = clock->currentTime();
-    sink(e);
-  }
-};
+using Context = TimedSink<PublishEvent>;
 
 class SystemWatch : public Controllerdb::SystemPublishedMount::NotifieeConst {
  public:

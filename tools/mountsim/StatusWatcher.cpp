@@ -1,19 +1,14 @@
 #include "StatusWatcher.h"
 
+#include "TimedSink.h"
+
 namespace MountSim {
 
 namespace {
 
 using Controller::MountState;
 
-struct Context {
-  Vesk::Ptr<Vesk::Clock> clock;
-  StatusWatcher::Sink sink;
-  void report(StatusEvent e) const {
-    e.time = clock->currentTime();
-    sink(e);
-  }
-};
+using Context = TimedSink<StatusEvent>;
 
 // Keeps one child watch per present key of a collection.
 template <class Watch, class Record>

@@ -24,6 +24,14 @@ class ServicePublishGroupSm::GroupReactor
   void onVersionFilter() override { owner_->handleVersionFilter(); }
 };
 
+// Sees a path that another publisher had first leave the registry.
+class ServicePublishGroupSm::RegistryReactor
+    : public Vesk::OwnedReactor<MountsRegistry::NotifieeConst, ServicePublishGroupSm> {
+ public:
+  using OwnedReactor::OwnedReactor;
+  void onPublishEntry(Vesk::Name const& path) override { owner_->handlePublishEntry(path); }
+};
+
 ServicePublishGroupSm::ServicePublishGroupSm(
     Vesk::Ptr<Controllerdb::Status const> const& controllerdbStatus,
     Vesk::Ptr<ServicePublishConfig const> const& servicePublishConfig,
@@ -40,6 +48,8 @@ ServicePublishGroupSm::ServicePublishGroupSm(
       publishDirSm_(typeName, "publishDirSm") {
   groupReactor_ = std::make_unique<GroupReactor>(this);
   groupReactor_->notifierIs(publishGroupConfig_);
+  registryReactor_ = std::make_unique<RegistryReactor>(this);
+  registryReactor_->notifierIs(mountsRegistry_);
   handleInitialized();
 }
 
@@ -205,9 +215,30 @@ void ServicePublishGroupSm::removePublishDirOrConfig(Vesk::Name const& path) {
   mountsRegistry_->publishEntryDel(path);
 }
 
+// A path this group declares but another publisher had first is taken up once that
+// publisher's entry goes: the declaration was only waiting its turn.
+void ServicePublishGroupSm::handlePublishEntry(Vesk::Name const& path) {
+  if (withdrawn_ || !publishing() || mountsRegistry_->publishEntry(path) ||
+      addedPaths_.contains(path)) {
+    return;
+  }
+  bool const entity = bool(publishGroupConfig_->publishConfig(path));
+  Vesk::Ptr<PublishDirSm> dirSm = publishDirSm_(path);
+  if (!entity && !dirSm) return;
+  VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::handlePublishEntry", " taking up cpath:", path,
+             " group:", groupName_, " service:", serviceName());
+  if (entity) {
+    handlePublishConfig(path);
+  } else {
+    dirSm->handlePublishDir();
+    dirSm->handleReadyToPublish();
+  }
+}
+
 void ServicePublishGroupSm::handleLeaderGenId() {
   VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::handleLeaderGenId", " group:", groupName_);
   if (parent_->canPublish()) {
+    withdrawn_ = false;
     handlePublishConfig();
     handlePublishDir();
     handleSystemFilter();
@@ -244,6 +275,7 @@ void ServicePublishGroupSm::forEachOwnEntry(F const& f) const {
 
 void ServicePublishGroupSm::doCleanup() {
   VESK_TRACE(traceHandle, 5, "ServicePublishGroupSm::doCleanup", " group:", groupName_);
+  withdrawn_ = true;  // what it removes here is not taken up again by its own reactor
   std::vector<Vesk::Name> paths;
   for (auto const& [path, config] : publishGroupConfig_->publishConfigMembers()) {
     paths.push_back(path);

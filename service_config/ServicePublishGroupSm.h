@@ -88,6 +88,8 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   void handleLeaderGenId();
   void handleSystemFilter();
   void handleVersionFilter();
+  // A publish entry of the registry came or went.
+  void handlePublishEntry(Vesk::Name const& path);
   // Withdraws everything the group published and the publish statuses it wrote. The
   // machine keeps watching its group, so a matching generation can publish again.
   void doCleanup();
@@ -96,6 +98,7 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   template <class F>
   void forEachOwnEntry(F const& f) const;
   class GroupReactor;
+  class RegistryReactor;
 
   bool publishing() const;
   void addPublishDirOrConfig(Vesk::Name const& path, Vesk::String const& remotePath,
@@ -112,9 +115,12 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   Vesk::Name const groupName_;
   Vesk::MachineCollection<Vesk::Name, PublishDirSm> publishDirSm_;
   std::unique_ptr<GroupReactor> groupReactor_;
+  std::unique_ptr<RegistryReactor> registryReactor_;
   // The registry entries this group added, each with whether it publishes a directory.
   Vesk::HashMap<Vesk::Name, bool> addedPaths_;
   bool initialized_ = false;
+  // Set once the group has withdrawn its entries, until a current generation publishes again.
+  bool withdrawn_ = false;
   [[no_unique_address]] Vesk::LiveCount<ServicePublishGroupSm> liveCount_;
 };
 

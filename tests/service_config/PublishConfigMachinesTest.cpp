@@ -157,6 +157,22 @@ TEST_F(PublishConfigMachines, TheFirstPublisherKeepsAPath) {
   EXPECT_EQ(entry("/a")->serviceName(), "Foo");
   EXPECT_EQ(entry("/a")->remotePath(), "/remote/a");
   EXPECT_EQ(entry("/d")->serviceName(), "Foo");
+
+  // A declaration that waited its turn takes the path up once its first publisher lets go.
+  Service& baz = declare("Baz");
+  baz.group("k")->publishConfigIs("/a", "/baz/a", "Vesk::Dir");
+  auto bazDir = baz.group("k")->publishDirIs("/d", "Vesk::Dir");
+  bazDir->remoteTargetPathIs("/baz/d");
+  bazDir->readyToPublishIs(true);
+  start(baz);
+  foo.config->publishGroupConfigDel("g");
+  ASSERT_TRUE(entry("/a"));
+  ASSERT_TRUE(entry("/d"));
+  EXPECT_EQ(entry("/a")->serviceName(), "Baz");
+  EXPECT_EQ(entry("/a")->remotePath(), "/baz/a");
+  EXPECT_EQ(entry("/d")->serviceName(), "Baz");
+  EXPECT_EQ(entry("/d")->remotePath(), "/baz/d");
+  EXPECT_TRUE(entry("/d")->readyToPublish());
 }
 
 // ---- the service and the leader generation --------------------------------------------------

@@ -1,0 +1,250 @@
+#include "service_config/ServiceConfigDirSm.h"
+
+#include "framework/Trace.h"
+#include "service_config/ServiceMountConfigSm.h"
+#include "service_config/ServicePublishConfigSm.h"
+
+namespace Controller {
+
+namespace {
+Vesk::TraceHandle traceHandle("ServiceConfigDirSm", true);
+
+Vesk::Ptr<Vesk::Entity> entityIn(Vesk::Ptr<Vesk::Dir const> const& dir, Vesk::Name const& name) {
+  return dir ? dir->entityPtr(name) : nullptr;
+}
+}  // namespace
+
+// One directory's entries, handed to the handler of its kind of service.
+class ServiceConfigDirSm::DirReactor
+    : public Vesk::OwnedReactor<Vesk::Dir::NotifieeConst, ServiceConfigDirSm> {
+ public:
+  using Keyed = void (ServiceConfigDirSm::*)(Vesk::Name const&);
+  using All = void (ServiceConfigDirSm::*)();
+  DirReactor(ServiceConfigDirSm* owner, Keyed keyed, All all)
+      : OwnedReactor(owner), keyed_(keyed), all_(all) {}
+  void onEntityPtr(Vesk::Name const& name) override { (owner_->*keyed_)(name); }
+  void onEntityPtr() override { (owner_->*all_)(); }
+
+ private:
+  Keyed const keyed_;
+  All const all_;
+};
+
+ServiceConfigDirSm::ServiceConfigDirSm(
+    Vesk::Ptr<Controllerdb::Status const> const& controllerdbStatus,
+    Vesk::Ptr<Vesk::Dir const> const& mountConfigDir, Vesk::Ptr<Vesk::Dir> const& mountStatusDir,
+    Vesk::Ptr<Vesk::Dir const> const& publishConfigDir,
+    Vesk::Ptr<Vesk::Dir> const& publishStatusDir,
+    Vesk::Ptr<Vesk::Dir const> const& proxyMountConfigDir,
+    Vesk::Ptr<Vesk::Dir> const& proxyMountStatusDir,
+    Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
+    Vesk::Ptr<MountsRegistry> const& mountsRegistry)
+    : controllerdbStatus_(controllerdbStatus),
+      mountConfigDir_(mountConfigDir),
+      mountStatusDir_(mountStatusDir),
+      publishConfigDir_(publishConfigDir),
+      publishStatusDir_(publishStatusDir),
+      proxyMountConfigDir_(proxyMountConfigDir),
+      proxyMountStatusDir_(proxyMountStatusDir),
+      controllerdbPublishStatus_(controllerdbPublishStatus),
+      mountsRegistry_(mountsRegistry),
+      serviceMountConfigSm_(typeName, "serviceMountConfigSm"),
+      servicePublishConfigSm_(typeName, "servicePublishConfigSm") {
+  using Self = ServiceConfigDirSm;
+  dirReactorIs(mountConfigDir_, &Self::handleServiceMount, &Self::handleServiceMount);
+  dirReactorIs(mountStatusDir_, &Self::handleServiceMount, &Self::handleServiceMount);
+  dirReactorIs(proxyMountConfigDir_, &Self::handleProxyServiceMount,
+               &Self::handleProxyServiceMount);
+  dirReactorIs(proxyMountStatusDir_, &Self::handleProxyServiceMount,
+               &Self::handleProxyServiceMount);
+  dirReactorIs(publishConfigDir_, &Self::handleServicePublish, &Self::handleServicePublish);
+  dirReactorIs(publishStatusDir_, &Self::handleServicePublish, &Self::handleServicePublish);
+  handleInitialized();
+}
+
+ServiceConfigDirSm::~ServiceConfigDirSm() = default;
+
+Vesk::Ptr<ServiceConfigDirSm> serviceConfigDirSmFactory(
+    Vesk::Ptr<Controllerdb::Status const> const& controllerdbStatus,
+    Vesk::Ptr<Vesk::Dir const> const& mountConfigDir, Vesk::Ptr<Vesk::Dir> const& mountStatusDir,
+    Vesk::Ptr<Vesk::Dir const> const& publishConfigDir,
+    Vesk::Ptr<Vesk::Dir> const& publishStatusDir,
+    Vesk::Ptr<Vesk::Dir const> const& proxyMountConfigDir,
+    Vesk::Ptr<Vesk::Dir> const& proxyMountStatusDir,
+    Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
+    Vesk::Ptr<MountsRegistry> const& mountsRegistry) {
+  return Vesk::Ptr<ServiceConfigDirSm>(new ServiceConfigDirSm(
+      controllerdbStatus, mountConfigDir, mountStatusDir, publishConfigDir, publishStatusDir,
+      proxyMountConfigDir, proxyMountStatusDir, controllerdbPublishStatus, mountsRegistry));
+}
+
+void ServiceConfigDirSm::dirReactorIs(Vesk::Ptr<Vesk::Dir const> const& dir,
+                                      void (ServiceConfigDirSm::*keyed)(Vesk::Name const&),
+                                      void (ServiceConfigDirSm::*all)()) {
+  if (!dir) return;
+  auto& reactor = dirReactors_.emplace_back(std::make_unique<DirReactor>(this, keyed, all));
+  reactor->notifierIs(dir);
+}
+
+// Taken before the walk: a child made on the way may write into the directories.
+std::vector<Vesk::Name> ServiceConfigDirSm::namesIn(Vesk::Dir const& dir) {
+  std::vector<Vesk::Name> names;
+  names.reserve(dir.entityPtrSize());
+  for (auto const& [name, entity] : dir.entityPtrMembers()) names.push_back(name);
+  return names;
+}
+
+// ---- children ------------------------------------------------------------------------------
+
+Vesk::Ptr<ServiceMountConfigSm> ServiceConfigDirSm::serviceMountConfigSm(
+    Vesk::Name const& name) const {
+  return serviceMountConfigSm_(name);
+}
+
+Vesk::Ptr<ServiceMountConfigSm> ServiceConfigDirSm::serviceMountConfigSmIs(
+    bool isProxyService, Vesk::Ptr<Controllerdb::Status const> const& controllerdbStatus,
+    Vesk::Ptr<ServiceMountConfig const> const& serviceMountConfig,
+    Vesk::Ptr<ServiceMountStatus> const& serviceMountStatus,
+    Vesk::Ptr<MountsRegistry> const& mountsRegistry) {
+  return serviceMountConfigSm_.is(serviceMountConfig->agentName(), isProxyService,
+                                  controllerdbStatus, serviceMountConfig, serviceMountStatus,
+                                  mountsRegistry, this);
+}
+
+void ServiceConfigDirSm::serviceMountConfigSmDel(Vesk::Name const& name) {
+  serviceMountConfigSm_.cleanupAndDel(name);
+}
+
+void ServiceConfigDirSm::serviceMountConfigSmDelAll() { serviceMountConfigSm_.cleanupAndDelAll(); }
+
+Vesk::Ptr<ServicePublishConfigSm> ServiceConfigDirSm::servicePublishConfigSm(
+    Vesk::Name const& name) const {
+  return servicePublishConfigSm_(name);
+}
+
+Vesk::Ptr<ServicePublishConfigSm> ServiceConfigDirSm::servicePublishConfigSmIs(
+    Vesk::Ptr<Controllerdb::Status const> const& controllerdbStatus,
+    Vesk::Ptr<ServicePublishConfig const> const& servicePublishConfig,
+    Vesk::Ptr<ServicePublishStatus> const& servicePublishStatus,
+    Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
+    Vesk::Ptr<MountsRegistry> const& mountsRegistry) {
+  return servicePublishConfigSm_.is(servicePublishConfig->agentName(), controllerdbStatus,
+                                    servicePublishConfig, servicePublishStatus,
+                                    controllerdbPublishStatus, mountsRegistry, this);
+}
+
+void ServiceConfigDirSm::servicePublishConfigSmDel(Vesk::Name const& name) {
+  servicePublishConfigSm_.cleanupAndDel(name);
+}
+
+void ServiceConfigDirSm::servicePublishConfigSmDelAll() {
+  servicePublishConfigSm_.cleanupAndDelAll();
+}
+
+void ServiceConfigDirSm::hasNotificationActiveIs(bool active) {
+  PtrInterface::hasNotificationActiveIs(active);
+  for (auto const& [name, sm] : serviceMountConfigSm_.members())
+    sm->hasNotificationActiveIs(active);
+  for (auto const& [name, sm] : servicePublishConfigSm_.members()) {
+    sm->hasNotificationActiveIs(active);
+  }
+}
+
+// ---- handlers ------------------------------------------------------------------------------
+
+void ServiceConfigDirSm::handleInitialized() {
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleInitialized");
+  if (initialized_) return;
+  initialized_ = true;
+  handleServiceMount();
+  handleProxyServiceMount();
+  handleServicePublish();
+}
+
+void ServiceConfigDirSm::handleServiceMount() {
+  if (!initialized_ || !mountConfigDir_) return;
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServiceMount", "()");
+  for (Vesk::Name const& name : namesIn(*mountConfigDir_)) handleServiceMount(name);
+}
+
+void ServiceConfigDirSm::handleServiceMount(Vesk::Name const& name) {
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServiceMount", ": ", name);
+  handleServiceMountCommon(false, name, entityIn(mountConfigDir_, name),
+                           entityIn(mountStatusDir_, name));
+}
+
+void ServiceConfigDirSm::handleProxyServiceMount() {
+  if (!initialized_ || !proxyMountConfigDir_) return;
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleProxyServiceMount", "()");
+  for (Vesk::Name const& name : namesIn(*proxyMountConfigDir_)) handleProxyServiceMount(name);
+}
+
+void ServiceConfigDirSm::handleProxyServiceMount(Vesk::Name const& name) {
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleProxyServiceMount", ": ", name);
+  handleServiceMountCommon(true, name, entityIn(proxyMountConfigDir_, name),
+                           entityIn(proxyMountStatusDir_, name));
+}
+
+void ServiceConfigDirSm::handleServiceMountCommon(bool isProxyService, Vesk::Name const& name,
+                                                  Vesk::Ptr<Vesk::Entity const> const& config,
+                                                  Vesk::Ptr<Vesk::Entity> const& status) {
+  if (!initialized_) return;
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServiceMountCommon", ": ", name,
+             " proxy:", isProxyService);
+  if (!config || !status) return;
+  auto mountConfig = Vesk::ptr_cast<ServiceMountConfig const>(config);
+  auto mountStatus = Vesk::ptr_cast<ServiceMountStatus>(status);
+  if (mountConfig && mountStatus) {
+    if (serviceMountConfigSm_(name)) return;
+    VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServiceMountCommon",
+               " creating serviceMountConfigSm for ", name);
+    serviceMountConfigSmIs(isProxyService, controllerdbStatus_, mountConfig, mountStatus,
+                           mountsRegistry_);
+  } else if (serviceMountConfigSm_(name)) {
+    VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServiceMountCommon", " deleting ", name,
+               " serviceMountConfigSm");
+    serviceMountConfigSmDel(name);
+  } else {
+    VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServiceMountCommon",
+               " mounts not complete ", name);
+  }
+}
+
+void ServiceConfigDirSm::handleServicePublish() {
+  if (!initialized_ || !publishConfigDir_) return;
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServicePublish", "()");
+  for (Vesk::Name const& name : namesIn(*publishConfigDir_)) handleServicePublish(name);
+}
+
+void ServiceConfigDirSm::handleServicePublish(Vesk::Name const& name) {
+  if (!initialized_) return;
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServicePublish", ": ", name);
+  Vesk::Ptr<Vesk::Entity const> const config = entityIn(publishConfigDir_, name);
+  Vesk::Ptr<Vesk::Entity> const status = entityIn(publishStatusDir_, name);
+  if (!config || !status) return;
+  auto publishConfig = Vesk::ptr_cast<ServicePublishConfig const>(config);
+  auto publishStatus = Vesk::ptr_cast<ServicePublishStatus>(status);
+  if (publishConfig && publishStatus) {
+    if (servicePublishConfigSm_(name)) return;
+    VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServicePublish",
+               " creating servicePublishConfigSm for ", name);
+    servicePublishConfigSmIs(controllerdbStatus_, publishConfig, publishStatus,
+                             controllerdbPublishStatus_, mountsRegistry_);
+  } else if (servicePublishConfigSm_(name)) {
+    VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServicePublish", " deleting ", name,
+               " servicePublishConfigSm");
+    servicePublishConfigSmDel(name);
+  } else {
+    VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServicePublish", " mounts not complete ",
+               name);
+  }
+}
+
+void ServiceConfigDirSm::doCleanup() {
+  VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::doCleanup");
+  dirReactors_.clear();
+  serviceMountConfigSmDelAll();
+  servicePublishConfigSmDelAll();
+}
+
+}  // namespace Controller

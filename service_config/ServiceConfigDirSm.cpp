@@ -14,20 +14,16 @@ Vesk::Ptr<Vesk::Entity> entityIn(Vesk::Ptr<Vesk::Dir const> const& dir, Vesk::Na
 }
 }  // namespace
 
-// One directory's entries, handed to the handler of its kind of service.
+// One directory's entries, handed to the handlers of its kind of service.
 class ServiceConfigDirSm::DirReactor
     : public Vesk::OwnedReactor<Vesk::Dir::NotifieeConst, ServiceConfigDirSm> {
  public:
-  using Keyed = void (ServiceConfigDirSm::*)(Vesk::Name const&);
-  using All = void (ServiceConfigDirSm::*)();
-  DirReactor(ServiceConfigDirSm* owner, Keyed keyed, All all)
-      : OwnedReactor(owner), keyed_(keyed), all_(all) {}
-  void onEntityPtr(Vesk::Name const& name) override { (owner_->*keyed_)(name); }
-  void onEntityPtr() override { (owner_->*all_)(); }
+  DirReactor(ServiceConfigDirSm* owner, ServiceKind kind) : OwnedReactor(owner), kind_(kind) {}
+  void onEntityPtr(Vesk::Name const& name) override { owner_->handleService(kind_, name); }
+  void onEntityPtr() override { owner_->handleServices(kind_); }
 
  private:
-  Keyed const keyed_;
-  All const all_;
+  ServiceKind const kind_;
 };
 
 ServiceConfigDirSm::ServiceConfigDirSm(
@@ -50,15 +46,12 @@ ServiceConfigDirSm::ServiceConfigDirSm(
       mountsRegistry_(mountsRegistry),
       serviceMountConfigSm_(typeName, "serviceMountConfigSm"),
       servicePublishConfigSm_(typeName, "servicePublishConfigSm") {
-  using Self = ServiceConfigDirSm;
-  dirReactorIs(mountConfigDir_, &Self::handleServiceMount, &Self::handleServiceMount);
-  dirReactorIs(mountStatusDir_, &Self::handleServiceMount, &Self::handleServiceMount);
-  dirReactorIs(proxyMountConfigDir_, &Self::handleProxyServiceMount,
-               &Self::handleProxyServiceMount);
-  dirReactorIs(proxyMountStatusDir_, &Self::handleProxyServiceMount,
-               &Self::handleProxyServiceMount);
-  dirReactorIs(publishConfigDir_, &Self::handleServicePublish, &Self::handleServicePublish);
-  dirReactorIs(publishStatusDir_, &Self::handleServicePublish, &Self::handleServicePublish);
+  dirReactorIs(mountConfigDir_, ServiceKind::mount);
+  dirReactorIs(mountStatusDir_, ServiceKind::mount);
+  dirReactorIs(proxyMountConfigDir_, ServiceKind::proxyMount);
+  dirReactorIs(proxyMountStatusDir_, ServiceKind::proxyMount);
+  dirReactorIs(publishConfigDir_, ServiceKind::publish);
+  dirReactorIs(publishStatusDir_, ServiceKind::publish);
   handleInitialized();
 }
 
@@ -78,12 +71,32 @@ Vesk::Ptr<ServiceConfigDirSm> serviceConfigDirSmFactory(
       proxyMountConfigDir, proxyMountStatusDir, controllerdbPublishStatus, mountsRegistry));
 }
 
-void ServiceConfigDirSm::dirReactorIs(Vesk::Ptr<Vesk::Dir const> const& dir,
-                                      void (ServiceConfigDirSm::*keyed)(Vesk::Name const&),
-                                      void (ServiceConfigDirSm::*all)()) {
+void ServiceConfigDirSm::dirReactorIs(Vesk::Ptr<Vesk::Dir const> const& dir, ServiceKind kind) {
   if (!dir) return;
-  auto& reactor = dirReactors_.emplace_back(std::make_unique<DirReactor>(this, keyed, all));
+  auto& reactor = dirReactors_.emplace_back(std::make_unique<DirReactor>(this, kind));
   reactor->notifierIs(dir);
+}
+
+void ServiceConfigDirSm::handleService(ServiceKind kind, Vesk::Name const& name) {
+  switch (kind) {
+    case ServiceKind::mount:
+      return handleServiceMount(name);
+    case ServiceKind::proxyMount:
+      return handleProxyServiceMount(name);
+    case ServiceKind::publish:
+      return handleServicePublish(name);
+  }
+}
+
+void ServiceConfigDirSm::handleServices(ServiceKind kind) {
+  switch (kind) {
+    case ServiceKind::mount:
+      return handleServiceMount();
+    case ServiceKind::proxyMount:
+      return handleProxyServiceMount();
+    case ServiceKind::publish:
+      return handleServicePublish();
+  }
 }
 
 // Taken before the walk: a child made on the way may write into the directories.

@@ -117,10 +117,12 @@ class ServiceConfigDirSm : public Vesk::PtrInterface {
 
  private:
   class DirReactor;
+  // Which handlers a directory's entries go to.
+  enum class ServiceKind { mount, proxyMount, publish };
 
-  void dirReactorIs(Vesk::Ptr<Vesk::Dir const> const& dir,
-                    void (ServiceConfigDirSm::*keyed)(Vesk::Name const&),
-                    void (ServiceConfigDirSm::*all)());
+  void dirReactorIs(Vesk::Ptr<Vesk::Dir const> const& dir, ServiceKind kind);
+  void handleService(ServiceKind kind, Vesk::Name const& name);
+  void handleServices(ServiceKind kind);
   static std::vector<Vesk::Name> namesIn(Vesk::Dir const& dir);
 
   Vesk::Ptr<Controllerdb::Status const> const controllerdbStatus_;

@@ -41,6 +41,7 @@
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
 #include "registry/PublishRegistryEntrySm.h"
+#include "sim/Agent.h"
 #include "sim/ExpectedMounts.h"
 #include "sim/ExpectedPublishes.h"
 #include "sim/HostChunks.h"
@@ -81,7 +82,7 @@ std::string realName(unsigned k) { return "svc" + std::to_string(k); }
 
 class Fleet {
  public:
-  Fleet() : world_(options()) {
+  Fleet() : world_(options()), agent_(world_) {
     for (unsigned k = 0; k < kServices; ++k) {
       auto svc = world_.declareService(Vesk::Name("agent" + std::to_string(k)),
                                        Vesk::String(serviceName(k)), k % 4 == 3);
@@ -94,15 +95,11 @@ class Fleet {
       }
       if (k % 4 == 0) svc.groupIs(group, k % 8 == 0);
       for (unsigned m = 0; m < kEntriesPerService; ++m) {
-        Vesk::Name path("/e" + std::to_string((k * 10 + m) % kEntries));
-        svc.mountIs(group, path);
-        world_.registryMounterIs(svc, group, path);
+        svc.mountIs(group, Vesk::Name("/e" + std::to_string((k * 10 + m) % kEntries)));
       }
       services_.push_back(svc);
     }
-    registry_ = world_.startRegistry();
   }
-  ~Fleet() { registry_->doCleanup(); }
 
   void connect(unsigned i) {
     SystemId s = world_.connectSwitch(i);
@@ -115,7 +112,7 @@ class Fleet {
 
   uint64_t decisions() const {
     uint64_t n = 0;
-    for (auto const& [name, sm] : registry_->mountsRegistryEntrySms().members()) {
+    for (auto const& [name, sm] : agent_.registry()->mountsRegistryEntrySms().members()) {
       n += sm->decisions();
     }
     return n;
@@ -145,8 +142,8 @@ class Fleet {
     return o;
   }
   Sim::World world_;
+  Sim::Agent agent_;
   std::vector<Sim::ServiceDeclaration> services_;
-  Vesk::Ptr<Controller::MountsRegistrySm> registry_;
 };
 
 // The connected fleet the steady-state benchmarks share, built once.
@@ -267,30 +264,31 @@ constexpr unsigned kPublishServices = 10;
 
 class PublishFleet {
  public:
-  PublishFleet() : world_(options()) {
-    Vesk::Ptr<Vesk::Dir> local = world_.rootDir()->subdirIs("local");
+  PublishFleet() : world_(options()), agent_(world_) {
     for (unsigned k = 0; k < kPublishServices; ++k) {
-      versionFilters_.push_back(Controller::mountFilterServiceVersionFactory("v"));
-      versionFilters_.back()->includedServiceVersionIs(2, true);
-      systemFilters_.push_back(Controller::mountFilterSystemFactory("s"));
-      for (unsigned i = k; i < kSwitches; i += 2) {
-        systemFilters_.back()->includedSystemIs(Sim::World::systemOf(i + 1).stringValue(), true);
-      }
+      publishers_.push_back(world_.declarePublishService(
+          Vesk::Name("publisher" + std::to_string(k)), Vesk::String(realName(k))));
     }
+    std::vector<SystemId> half;
+    for (unsigned i = 0; i < kSwitches; i += 2) half.push_back(Sim::World::systemOf(i + 1));
     for (unsigned e = 0; e < kPublishEntries; ++e) {
       unsigned const k = e % kPublishServices;
-      bool const prefix = e % 4 == 0;
+      Sim::PublishDeclaration const& publisher = publishers_[k];
+      Vesk::Name const group("g");
+      if (k % 3 == 1) publisher.versionFilterIs(group, {2});
+      if (k % 3 == 2) publisher.systemFilterIs(group, half);
       std::string const name = "p" + std::to_string(e);
-      local->subdirIs(Vesk::Name(name));
-      auto entry = world_.registry()->publishEntryIs(
-          Vesk::Name("/controller/local/" + name), Vesk::String("/published/" + name),
-          Vesk::String(realName(k)), prefix, "Vesk::Dir", k % 3 == 1 ? versionFilters_[k] : nullptr,
-          k % 3 == 2 ? systemFilters_[k] : nullptr);
-      entry->readyToPublishIs(true);
+      Vesk::String const local("/controller/local/" + name);
+      if (e % 4 == 0) {
+        world_.localDirIs(local);
+        publisher.publishDirIs(group, Vesk::Name(local), Vesk::String("/published/" + name));
+      } else {
+        world_.localEntityIs(local);
+        publisher.publishIs(group, Vesk::Name(local), Vesk::String("/published/" + name));
+      }
     }
-    registry_ = world_.startRegistry();
+    for (Sim::PublishDeclaration const& publisher : publishers_) publisher.readyIs(true);
   }
-  ~PublishFleet() { registry_->doCleanup(); }
 
   void connect(unsigned i) {
     SystemId s = world_.connectSwitch(i);
@@ -304,7 +302,7 @@ class PublishFleet {
 
   uint64_t decisions() const {
     uint64_t n = 0;
-    for (auto const& [name, sm] : registry_->publishRegistryEntrySms().members()) {
+    for (auto const& [name, sm] : agent_.registry()->publishRegistryEntrySms().members()) {
       n += sm->decisions();
     }
     return n;
@@ -336,9 +334,8 @@ class PublishFleet {
     return o;
   }
   Sim::World world_;
-  std::vector<Vesk::Ptr<Controller::MountFilterServiceVersion>> versionFilters_;
-  std::vector<Vesk::Ptr<Controller::MountFilterSystem>> systemFilters_;
-  Vesk::Ptr<Controller::MountsRegistrySm> registry_;
+  Sim::Agent agent_;
+  std::vector<Sim::PublishDeclaration> publishers_;
 };
 
 void reportPublish(benchmark::State& state, PublishFleet& fleet, uint64_t decisions,

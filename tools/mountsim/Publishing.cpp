@@ -40,9 +40,6 @@ void Publishing::declare() {
   declaration_.publishDirIs("all", kPerSwitch, "/published/exporter/per-switch");
   declaration_.publishIs("all", kLate, "/published/exporter/late");
   declaration_.readyIs(true);
-  machine_ = Controller::servicePublishConfigSmFactory(
-      world_.controllerdbStatus(), declaration_.config(), declaration_.status(),
-      world_.publishStatus(), world_.registry(), nullptr);
   out_ << "  " << kService << ": publishes " << kCounters << " where " << kService
        << " version 2 is negotiated, " << kPolicy
        << " to the even-numbered switches, and to every switch its own directory of " << kPerSwitch
@@ -58,6 +55,10 @@ void Publishing::schedule(At const& at) {
 }
 
 // Odd-numbered switches negotiate version 2, the others 1.
+void Publishing::leaderGenIdIs(Vesk::String const& leaderGenId) {
+  declaration_.config()->leaderGenIdIs(leaderGenId);
+}
+
 void Publishing::negotiate(SystemId const& system, unsigned index) {
   uint32_t const version = index % 2 ? 2 : 1;
   event_("negotiate " + system.stringValue().stdString() + " " + kService + " v" +
@@ -119,11 +120,6 @@ unsigned Publishing::check() {
                               : std::to_string(mismatches.size()) + " disagree")
        << " with the reference\n";
   return unsigned(mismatches.size());
-}
-
-void Publishing::stop() {
-  if (machine_) machine_->doCleanup();
-  machine_ = nullptr;
 }
 
 }  // namespace MountSim

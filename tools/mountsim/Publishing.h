@@ -1,5 +1,5 @@
 // The scenario's publishing service: one service that publishes local state to the switches
-// through its publish declaration, taken up by its service publish machine.
+// through its publish declaration, which the hosting agent's machines take up.
 //
 // Its groups cover what a publish declaration can ask for: a version-filtered group, a
 // system-filtered group, and an unfiltered group with a published directory (each admitted
@@ -12,7 +12,6 @@
 #include <string>
 
 #include "framework/SystemId.h"
-#include "service_config/ServicePublishConfigSm.h"
 #include "sim/World.h"
 
 namespace MountSim {
@@ -24,9 +23,11 @@ class Publishing {
 
   Publishing(Sim::World& world, unsigned switches, std::ostream& out, Event event);
 
-  // Makes the local entities (all but the late one), declares the service and starts its
-  // machine; prints what it declares.
+  // Makes the local entities (all but the late one) and writes the service's declaration;
+  // prints what it declares.
   void declare();
+  // The service writes its declaration again for a new leader.
+  void leaderGenIdIs(Vesk::String const& leaderGenId);
   // Adds the publishing service's own moments to the timeline.
   void schedule(At const& at);
   // What switch `index` negotiates for the publishing service as it connects.
@@ -35,7 +36,6 @@ class Publishing {
   void printTree();
   // Compares every switch's published mounts with the reference; returns the differences.
   unsigned check();
-  void stop();
 
  private:
   std::string why(Controller::PublishRegistryEntry const& entry,
@@ -46,7 +46,6 @@ class Publishing {
   std::ostream& out_;
   Event const event_;
   Sim::PublishDeclaration declaration_;
-  Vesk::Ptr<Controller::ServicePublishConfigSm> machine_;
 };
 
 }  // namespace MountSim

@@ -13,7 +13,9 @@
 #include "StatusWatcher.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
+#include "sim/Agent.h"
 #include "sim/ExpectedMounts.h"
+#include "sim/ExpectedRegistry.h"
 #include "sim/World.h"
 
 namespace MountSim {
@@ -58,8 +60,9 @@ class Scenario {
         publishing_(world_, o.switches, out, [this](std::string const& text) { event(text); }) {}
 
   unsigned run() {
+    agent_ = std::make_unique<Sim::Agent>(world_);
+    registry_ = agent_->registry();
     declare();
-    registry_ = world_.startRegistry();
     {
       // Only the scenario's changes are printed: stopping the registry at the end removes
       // every status, which is not news.
@@ -71,10 +74,11 @@ class Scenario {
     }
     printTree();
     publishing_.printTree();
-    unsigned disagreements = check();
+    unsigned disagreements = checkRegistry();
+    disagreements += check();
     disagreements += publishing_.check();
-    publishing_.stop();
-    registry_->doCleanup();
+    registry_ = nullptr;
+    agent_->stop();
     return disagreements;
   }
 
@@ -169,7 +173,6 @@ class Scenario {
         Service& s = services_[k];
         Vesk::Name path(entryPath(j));
         s.declaration.mountIs(Vesk::Name(s.group), path);
-        world_.registryMounterIs(s.declaration, Vesk::Name(s.group), path);
       }
     }
     publishing_.declare();
@@ -218,6 +221,23 @@ class Scenario {
         }
       });
     }
+    // A new leader: every ordinary service writes its declaration for it at once but one,
+    // whose mounters are withdrawn until it follows a second later.
+    at(11.0, [this] {
+      event("leader change to generation 2");
+      world_.leaderGenIdIs("2");
+      for (Service const& svc : services_) {
+        if (svc.kind != Kind::systemFiltered) svc.declaration.config()->leaderGenIdIs("2");
+      }
+      publishing_.leaderGenIdIs("2");
+    });
+    at(12.0, [this] {
+      for (Service const& svc : services_) {
+        if (svc.kind != Kind::systemFiltered) continue;
+        event(svc.name + " writes its declaration for generation 2");
+        svc.declaration.config()->leaderGenIdIs("2");
+      }
+    });
     publishing_.schedule([this](double t, std::function<void()> action) { at(t, action); });
     std::stable_sort(actions_.begin(), actions_.end(),
                      [](auto const& a, auto const& b) { return a.first < b.first; });
@@ -259,6 +279,14 @@ class Scenario {
       }
     }
     if (gate.empty()) gate = "admitted by the filters";
+    std::string declared;
+    if (auto mounter = entry->mounter(Vesk::String(s.name))) {
+      auto const& config = *mounter->mountConfig();
+      declared = "declared by " + s.name + ", group " +
+                 mounter->mounterName().groupName().stdString() + ", mount " +
+                 config.remotePath().stdString() + " (" + config.plovType().stdString() +
+                 ", target " + config.targetMountPath().stdString() + "); ";
+    }
     std::string interest = "group takes every switch";
     if (s.kind == Kind::versionFiltered) {
       interest = "version " +
@@ -267,7 +295,7 @@ class Scenario {
     } else if (s.kind == Kind::systemFiltered) {
       interest = "switch in its filter";
     }
-    return negotiated + ", " + gate + "; " + s.name + ": " + interest;
+    return declared + negotiated + ", " + gate + "; " + s.name + ": " + interest;
   }
 
   void printTree() {
@@ -304,6 +332,28 @@ class Scenario {
     }
   }
 
+  // The registry's mounters must be those the declarations ask for.
+  unsigned checkRegistry() {
+    std::vector<Sim::TakenUpService> declared;
+    for (Service const& svc : services_) {
+      declared.push_back(
+          {svc.declaration.config(), svc.declaration.status(), svc.kind == Kind::proxy, {}});
+    }
+    std::vector<std::string> const mismatches = Sim::registryMismatches(world_, declared);
+    for (std::string const& m : mismatches) out_ << "DISAGREE " << m << "\n";
+    size_t mounters = 0;
+    for (auto const& [path, entry] : world_.registry()->mountEntryMembers()) {
+      mounters += entry->mounterSize();
+    }
+    out_ << "\nRegistry check: " << mounters << " mounters on "
+         << world_.registry()->mountEntrySize() << " entries from " << declared.size()
+         << " declarations, "
+         << (mismatches.empty() ? std::string("all agree")
+                                : std::to_string(mismatches.size()) + " disagree")
+         << " with the reference";
+    return unsigned(mismatches.size());
+  }
+
   // A pair the reference says is mounted must have a settled machine (mounted, or failed
   // after its retries); any other pair must have none left.
   unsigned check() {
@@ -337,6 +387,7 @@ class Scenario {
   std::ostream& out_;
   Sim::World world_;
   Publishing publishing_;
+  std::unique_ptr<Sim::Agent> agent_;
   Vesk::Ptr<Controller::MountsRegistrySm> registry_;
   std::vector<Service> services_;
   std::vector<std::pair<double, std::function<void()>>> actions_;

@@ -238,14 +238,12 @@ void MountsRegistryEntrySm::handleMounter(Vesk::String const& serviceKey) {
   handleSwitchConnection();
 }
 
-// Whether a mounter still on the entry counts for the same real service as `service` (a
-// service and its proxy both count for the real one).
+// Whether a mounter still on the entry counts for the same real service as `service`. The
+// names that count for a real service are the service's own and its proxy's (its name with
+// "-Proxy"), so two lookups answer it, however many mounters the entry has.
 bool MountsRegistryEntrySm::hasMounterCountingFor(Vesk::String const& service) const {
   Vesk::Name const real = mountsRegistrySm_->realServiceOf(service);
-  for (auto const& [key, mounter] : registryEntry_->mounterMembers()) {
-    if (mountsRegistrySm_->realServiceOf(key) == real) return true;
-  }
-  return false;
+  return registryEntry_->mounter(real) || registryEntry_->mounter(real + "-Proxy");
 }
 
 void MountsRegistryEntrySm::handleMounter() {

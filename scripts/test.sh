@@ -7,10 +7,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 dir=build
-flags=(-DCMAKE_BUILD_TYPE=Release -DVESK_BUILD_BENCH=ON)
+flags=(-DCMAKE_BUILD_TYPE=Release -DCMR_BUILD_BENCH=ON)
 if [ "${1:-}" = "--sanitize" ]; then
   dir=build-sanitize
-  flags=(-DCMAKE_BUILD_TYPE=Debug -DVESK_SANITIZE=ON -DVESK_BUILD_BENCH=OFF)
+  flags=(-DCMAKE_BUILD_TYPE=Debug -DCMR_SANITIZE=ON -DCMR_BUILD_BENCH=OFF)
 fi
 cmake -S . -B "$dir" -G Ninja "${flags[@]}" >/dev/null
 cmake --build "$dir"

@@ -2,8 +2,9 @@
 //
 // The host owns the records the registry reads from its sibling components (heartbeat,
 // out-of-band configuration and status with the peer table, the controller database's
-// status), the directories services declare their mounts in, and the registry. It creates
-// the registry's machine once and then only changes records: services declare mounts,
+// status), the directories services declare their mounts and publishes in, and the
+// registry. It creates the library's top-level machines once and then only changes
+// records: services declare mounts,
 // switches connect and negotiate service versions, and the machines react. The mount
 // machines carry their requests out through the installed mount driver, and every timer
 // runs on the current activity's clock; here a manual clock, so the run is reproducible.
@@ -19,9 +20,9 @@
 #include "framework/EthAddr.h"
 #include "framework/MountDriver.h"
 #include "model/MountInterface.h"
-#include "registry/MounterName.h"
 #include "registry/MountsRegistry.h"
 #include "registry/MountsRegistrySm.h"
+#include "service_config/ServiceConfigDirSm.h"
 
 namespace {
 
@@ -108,8 +109,12 @@ struct ControllerRecords {
   Ptr<Controllerdb::Status> controllerdbStatus;
   Ptr<Controllerdb::PublishStatus> publishStatus;
   Ptr<Vesk::Dir> rootDir;
-  Ptr<Vesk::Dir> mountConfigDir;  // services' ServiceMountConfig, by agent name
-  Ptr<Vesk::Dir> mountStatusDir;  // services' ServiceMountStatus, by agent name
+  Ptr<Vesk::Dir> mountConfigDir;       // services' ServiceMountConfig, by agent name
+  Ptr<Vesk::Dir> mountStatusDir;       // services' ServiceMountStatus, by agent name
+  Ptr<Vesk::Dir> publishConfigDir;     // services' ServicePublishConfig
+  Ptr<Vesk::Dir> publishStatusDir;     // services' ServicePublishStatus
+  Ptr<Vesk::Dir> proxyMountConfigDir;  // proxy services' ServiceMountConfig
+  Ptr<Vesk::Dir> proxyMountStatusDir;  // proxy services' ServiceMountStatus
   Ptr<Vesk::Dir> registryDir;
   Ptr<Vesk::Dir> mountRootDir;  // where remote state is mounted
   Ptr<Controller::MountsRegistry> registry;
@@ -132,6 +137,10 @@ ControllerRecords makeRecords() {
   r.rootDir = Vesk::dirFactory("controller");
   r.mountConfigDir = r.rootDir->subdirIs("mountConfig");
   r.mountStatusDir = r.rootDir->subdirIs("mountStatus");
+  r.publishConfigDir = r.rootDir->subdirIs("publishConfig");
+  r.publishStatusDir = r.rootDir->subdirIs("publishStatus");
+  r.proxyMountConfigDir = r.rootDir->subdirIs("proxyMountConfig");
+  r.proxyMountStatusDir = r.rootDir->subdirIs("proxyMountStatus");
   r.registryDir = r.rootDir->subdirIs("mountsRegistry");
   r.mountRootDir = r.rootDir->subdirIs("mounts");
   // Remote state under /remote on each switch; a failed mount is retried 3 times and a
@@ -176,37 +185,30 @@ void negotiate(Controller::ServiceStatusDir& services, Vesk::Name const& service
   status->versionStatusIs(versionStatus);
 }
 
-// The machines the host creates once, over its records, and keeps while it runs; each is
-// told to clean up before it is dropped.
+// The machines the host creates once, over its records, and keeps while it runs: the
+// service configuration directory machine, which turns declarations into registry entries,
+// and the registry machine, which mounts them. Each is told to clean up before it is
+// dropped, the declarations' machine first.
 class Machines {
  public:
   explicit Machines(ControllerRecords const& r)
-      : registry_(Controller::mountsRegistrySmFactory(r.registry, r.oobStatus, r.heartbeatConfig,
-                                                      r.mountStatusDir, r.publishStatus)) {
-    // The service configuration directory machine is created here, over the mount
-    // directories and the registry, and kept beside the registry machine.
+      : serviceConfig_(Controller::serviceConfigDirSmFactory(
+            r.controllerdbStatus, r.mountConfigDir, r.mountStatusDir, r.publishConfigDir,
+            r.publishStatusDir, r.proxyMountConfigDir, r.proxyMountStatusDir, r.publishStatus,
+            r.registry)),
+        registry_(Controller::mountsRegistrySmFactory(r.registry, r.oobStatus, r.heartbeatConfig,
+                                                      r.mountStatusDir, r.publishStatus)) {}
+  ~Machines() {
+    serviceConfig_->doCleanup();
+    registry_->doCleanup();
   }
-  ~Machines() { registry_->doCleanup(); }
   Machines(Machines const&) = delete;
   Machines& operator=(Machines const&) = delete;
 
  private:
+  Ptr<Controller::ServiceConfigDirSm> serviceConfig_;
   Ptr<Controller::MountsRegistrySm> registry_;
 };
-
-// What the service configuration directory machine does for each declared mount: the
-// registry entry for the path and, on it, the mounter of the service's group. With that
-// machine running, the host does not call this.
-void addToRegistry(ControllerRecords const& r, Controller::ServiceMountConfig const& config,
-                   Ptr<Controller::ServiceMountStatus> const& status, Vesk::Name const& group,
-                   Vesk::Name const& remotePath) {
-  Ptr<Controller::ServiceMountGroupConfig> groupConfig = config.mountGroupConfig(group);
-  Ptr<Controller::MountConfig> mount = groupConfig->mountConfig(remotePath);
-  Ptr<Controller::MountsRegistryEntry> entry = r.registry->mountEntryIs(
-      remotePath, mount->targetMountPath(), mount->plovType(), mount->mountFlags());
-  entry->mounterIs(Controller::MounterName(config.serviceName(), group), mount, groupConfig,
-                   status);
-}
 
 // Prints the service's status per switch, group and path; returns the paths mounted.
 int printStatus(Controller::ServiceMountStatus const& status) {
@@ -250,8 +252,7 @@ int main() {
   config->leaderGenIdIs(r.controllerdbStatus->leaderGenId());
   config->mountGroupConfigIs("lldp")->mountConfigIs("/lldp/neighbors", "Vesk::Dir", "",
                                                     "/lldp/neighbors");
-  r.mountConfigDir->entityPtrIs(config);
-  addToRegistry(r, *config, status, "lldp", "/lldp/neighbors");
+  r.mountConfigDir->entityPtrIs(config);  // the machines add the registry entry and mounter
 
   // Two switches connect and negotiate version 1 of the service.
   for (uint64_t index : {1, 2}) {

@@ -119,6 +119,7 @@ Vesk::Ptr<ServiceMountConfigSm> ServiceConfigDirSm::serviceMountConfigSmIs(
     Vesk::Ptr<ServiceMountConfig const> const& serviceMountConfig,
     Vesk::Ptr<ServiceMountStatus> const& serviceMountStatus,
     Vesk::Ptr<MountsRegistry> const& mountsRegistry) {
+  if (!serviceMountConfig) Vesk::throwNullParameter("serviceMountConfigSm", typeName);
   return serviceMountConfigSm_.is(serviceMountConfig->agentName(), isProxyService,
                                   controllerdbStatus, serviceMountConfig, serviceMountStatus,
                                   mountsRegistry, this);
@@ -141,6 +142,7 @@ Vesk::Ptr<ServicePublishConfigSm> ServiceConfigDirSm::servicePublishConfigSmIs(
     Vesk::Ptr<ServicePublishStatus> const& servicePublishStatus,
     Vesk::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
     Vesk::Ptr<MountsRegistry> const& mountsRegistry) {
+  if (!servicePublishConfig) Vesk::throwNullParameter("servicePublishConfigSm", typeName);
   return servicePublishConfigSm_.is(servicePublishConfig->agentName(), controllerdbStatus,
                                     servicePublishConfig, servicePublishStatus,
                                     controllerdbPublishStatus, mountsRegistry, this);

@@ -62,6 +62,7 @@ Vesk::Ptr<ServiceMountGroupSm> ServiceMountConfigSm::mountGroupSmIs(
     Vesk::Ptr<ServiceMountConfig const> const& serviceMountConfig,
     Vesk::Ptr<ServiceMountStatus> const& serviceMountStatus,
     Vesk::Ptr<MountsRegistry> const& mountsRegistry) {
+  if (!mountGroupConfig) Vesk::throwNullParameter("mountGroupSm", typeName);
   return mountGroupSm_.is(mountGroupConfig->serviceMountGroupName(), controllerdbStatus,
                           mountGroupConfig, serviceMountConfig, serviceMountStatus, mountsRegistry,
                           this);

@@ -71,6 +71,7 @@ Vesk::Ptr<ServicePublishGroupSm> ServicePublishConfigSm::publishGroupSm(
 Vesk::Ptr<ServicePublishGroupSm> ServicePublishConfigSm::publishGroupSmIs(
     Vesk::Ptr<ServicePublishGroupConfig const> const& publishGroupConfig,
     Vesk::Ptr<ServicePublishGroupStatus> const& publishGroupStatus) {
+  if (!publishGroupConfig) Vesk::throwNullParameter("publishGroupSm", typeName);
   return publishGroupSm_.is(publishGroupConfig->groupName(), controllerdbStatus_,
                             servicePublishConfig_, publishGroupConfig, publishGroupStatus,
                             mountsRegistry_, this);

@@ -22,26 +22,55 @@ std::map<std::string, std::vector<Controller::ServiceMountGroupConfig const*>> d
   return out;
 }
 
+// The mounter a declaration of the path asks for: of one of the declaring groups, for that
+// group's mount configuration, writing into the service's status.
+bool mounterOfDeclaration(Controller::Mounter const& mounter, TakenUpService const& service,
+                          std::vector<Controller::ServiceMountGroupConfig const*> const& groups,
+                          Vesk::Name const& path) {
+  for (Controller::ServiceMountGroupConfig const* group : groups) {
+    bool const same =
+        mounter.mounterName() ==
+            Controller::MounterName(service.config->serviceName(), group->name()) &&
+        mounter.mountGroupConfig().ptr() == group &&
+        mounter.mountConfig() == group->mountConfig(path) &&
+        mounter.serviceMountStatus() == service.status;
+    if (same) return true;
+  }
+  return false;
+}
+
+// Every declared path has the service's mounter (but a path one group declares that two
+// groups may have declared before: either one's withdrawal takes the mounter away), of a
+// declaring group, with a prefix that names where the entry mounts; every prefix is of a
+// path the service holds a mounter on.
 void expectMounted(World const& world, TakenUpService const& service,
                    std::vector<std::string>& out) {
   std::string const name = text(service.config->serviceName());
-  for (auto const& [path, groups] : declaringGroups(*service.config)) {
-    if (groups.size() != 1 || service.sharedPaths.count(path)) continue;
-    Controller::ServiceMountGroupConfig const& group = *groups.front();
-    auto entry = world.registry()->mountEntry(Vesk::Name(Vesk::String(path)));
+  auto const declared = declaringGroups(*service.config);
+  for (auto const& [path, groups] : declared) {
+    if (groups.size() == 1 && service.sharedPaths.count(path)) continue;
+    Vesk::Name const key(Vesk::String{path});
+    auto entry = world.registry()->mountEntry(key);
     auto mounter = entry ? entry->mounter(service.config->serviceName()) : nullptr;
-    std::string const what = name + "'s mount of " + path + " in group " + text(group.name());
+    std::string const what = name + "'s mount of " + path;
     if (!mounter) {
       out.push_back("missing: " + what);
       continue;
     }
-    if (mounter->mounterName() != Controller::MounterName(name, text(group.name())) ||
-        mounter->mountGroupConfig().ptr() != &group ||
-        mounter->mountConfig() != group.mountConfig(Vesk::Name(Vesk::String(path)))) {
+    if (!mounterOfDeclaration(*mounter, service, groups, key)) {
       out.push_back("different: " + what + " has the mounter of another declaration");
     }
-    if (!service.status->mountedPathPrefix(Vesk::Name(Vesk::String(path)))) {
-      out.push_back("missing prefix: " + what);
+    auto prefix = service.status->mountedPathPrefix(key);
+    if (!prefix || prefix->pathPrefix() != entry->targetPath()) {
+      out.push_back("missing or other prefix: " + what + " (the entry mounts at " +
+                    text(entry->targetPath()) + ")");
+    }
+  }
+  for (auto const& [path, prefix] : service.status->mountedPathPrefixMembers()) {
+    auto entry = world.registry()->mountEntry(path);
+    if (!entry || !entry->mounter(service.config->serviceName())) {
+      out.push_back("stale prefix: " + name + " has a prefix for " + text(path) +
+                    " without a mounter there");
     }
   }
 }

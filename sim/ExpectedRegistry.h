@@ -8,13 +8,15 @@
 //   equals the declaration's), and always when it is a proxy service. A service without a
 //   name mounts nothing.
 //
-//   While it mounts, every path that exactly one of its groups declares has an entry of
-//   that name in the registry with the service's mounter on it, named (service, group),
-//   for that mount configuration and group, and the service's status holds a mounted path
-//   prefix for the path. A path that two of its groups declare holds at most one mounter of
-//   the service (whichever group asked first; withdrawing the path from either group takes
-//   it away, though the other still declares it), so its presence is not required; nor is
-//   it for a path the caller names as one that two groups may have declared before.
+//   While it mounts, every path its groups declare has an entry of that name in the
+//   registry with the service's one mounter on it, named (service, group) for one of the
+//   declaring groups, for that group's mount configuration and the service's status; the
+//   status holds a mounted path prefix for the path equal to the entry's target path (the
+//   first requester's), and no prefix of a path without the service's mounter. The
+//   exception: withdrawing a path from one of two groups that declare it takes the
+//   service's mounter away though the other still declares it, so a path one group
+//   declares that the caller names as one two groups may have declared before need not
+//   have a mounter.
 //
 //   While it does not mount, the service has no mounter on any entry and no prefix.
 //

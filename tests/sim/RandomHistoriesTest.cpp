@@ -251,9 +251,16 @@ class RandomRun {
   void groupIs(unsigned k, char const* group, std::initializer_list<char const*> paths) {
     services_[k].groupIs(group);
     for (char const* path : paths) {
-      services_[k].mountIs(group, path);
+      mountIs(k, group, path);
       mounts_.push_back({k, group, path});
     }
+  }
+  // Bar and Late leave their target paths empty (the registry directory's default), the
+  // others mount at the path itself: entries shared between them keep the first's.
+  void mountIs(unsigned k, char const* group, char const* path) {
+    bool const defaultTarget = k == 1 || k == 4;
+    services_[k].config()->mountGroupConfigIs(group)->mountConfigIs(
+        path, "Vesk::Dir", "", defaultTarget ? Vesk::String() : Vesk::String(path));
   }
 
   static Vesk::String localPath(Publish const& p) {
@@ -437,7 +444,10 @@ class RandomRun {
   // The controller's leader changes; each declaration is written for the new leader at once
   // or left behind for a later step.
   std::string leaderChange() {
-    std::string const next = world_.controllerdbStatus()->leaderGenId() == "1" ? "2" : "1";
+    // Now and then no leader at all: an ordinary service then mounts nothing, a proxy all.
+    static constexpr char const* kLeaders[] = {"1", "2", ""};
+    std::string next = kLeaders[rng_.below(std::size(kLeaders))];
+    if (next == world_.controllerdbStatus()->leaderGenId().view()) next = next == "1" ? "2" : "1";
     world_.leaderGenIdIs(Vesk::String(next));
     std::string followed;
     for (Sim::ServiceDeclaration const& svc : services_) {
@@ -473,7 +483,7 @@ class RandomRun {
           return "mount declaration gone: " + std::string(config->name().view()) + " " + m.group +
                  " " + m.path;
         }
-        svc.mountIs(m.group, m.path);
+        mountIs(m.service, m.group, m.path);
         return "mount declaration back: " + std::string(config->name().view()) + " " + m.group +
                " " + m.path;
       }
@@ -487,7 +497,7 @@ class RandomRun {
         group->versionFilterIs(config->versionFilter(m.group));
         for (Mount const& other : mounts_) {
           if (other.service == m.service && std::string_view(other.group) == m.group) {
-            svc.mountIs(other.group, other.path);
+            mountIs(other.service, other.group, other.path);
           }
         }
         return "group back: " + std::string(config->name().view()) + " " + m.group;

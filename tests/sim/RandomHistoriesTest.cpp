@@ -164,17 +164,11 @@ class RandomRun {
         rng_(seed),
         expect_{false, failureProbability > 0} {
     agent_ = std::make_unique<Sim::Agent>(world_);
-    declare(0, "fooAgent", "Foo", false, "all", {"/a", "/b"});
-    declare(1, "barAgent", "Bar", false, "v", {"/b", "/c"});
-    declare(2, "bazAgent", "Baz", false, "few", {"/c", "/d"});
-    declare(3, "quxProxy", "Qux-Proxy", true, "both", {"/a", "/d"});
-    declare(4, "lateAgent", "", false, "late", {"/b", "/e"});  // named by a later step
-    groupIs(0, "some", {"/c", "/a"});  // Foo's second group, which declares /a too
-    services_[0].systemFilterIs("some", {Sim::World::systemOf(3), Sim::World::systemOf(5)});
-    services_[1].versionFilterIs("v", {2});
-    services_[2].systemFilterIs("few", {Sim::World::systemOf(1), Sim::World::systemOf(3)});
-    services_[3].versionFilterIs("both", {1});
-    services_[3].systemFilterIs("both", {Sim::World::systemOf(2), Sim::World::systemOf(4)});
+    for (unsigned k = 0; k < std::size(kServices); ++k) {
+      declareWhole(k, kServices[k].name);
+      inEffect_[k] = services_[k];
+      inDirs_[k] = true;
+    }
     declarePublishing();
     for (unsigned i = 1; i <= switches_; i += 2) world_.connectSwitch(i);
     world_.autoMountDriver()->requestObserverIs(
@@ -202,11 +196,26 @@ class RandomRun {
 
  private:
   static constexpr char const* kRealServices[] = {"Foo", "Bar", "Baz", "Qux", "Late", "Pub"};
+  struct Service {
+    char const* agent;
+    char const* name;  // the late service starts without one
+    bool proxy;
+  };
+  static constexpr Service kServices[] = {{"fooAgent", "Foo", false},
+                                          {"barAgent", "Bar", false},
+                                          {"bazAgent", "Baz", false},
+                                          {"quxProxy", "Qux-Proxy", true},
+                                          {"lateAgent", "", false}};
   struct Mount {
     unsigned service;
     char const* group;
     char const* path;
   };
+  // Foo's second group "some" declares /a too; paths are shared between services.
+  static constexpr Mount kMounts[] = {{0, "all", "/a"},  {0, "all", "/b"},  {1, "v", "/b"},
+                                      {1, "v", "/c"},    {2, "few", "/c"},  {2, "few", "/d"},
+                                      {3, "both", "/a"}, {3, "both", "/d"}, {4, "late", "/b"},
+                                      {4, "late", "/e"}, {0, "some", "/c"}, {0, "some", "/a"}};
   // One published local entity: its publish group (named after it) takes the filters of the
   // mount group named, and whether the entity starts present.
   struct Publish {
@@ -229,8 +238,9 @@ class RandomRun {
   }
   std::vector<Sim::TakenUpService> takenUp() const {
     std::vector<Sim::TakenUpService> out;
-    for (size_t k = 0; k < services_.size(); ++k) {
-      out.push_back({services_[k].config(), services_[k].status(), k == 3, {}});
+    for (size_t k = 0; k < inEffect_.size(); ++k) {
+      if (!inEffect_[k].config()) continue;
+      out.push_back({inEffect_[k].config(), inEffect_[k].status(), kServices[k].proxy, {}});
       for (Mount const& a : mounts_) {
         for (Mount const& b : mounts_) {
           bool const shared = a.service == k && b.service == k &&
@@ -243,18 +253,62 @@ class RandomRun {
     return out;
   }
 
-  void declare(unsigned k, char const* agent, char const* service, bool proxy, char const* group,
-               std::initializer_list<char const*> paths) {
-    services_[k] = world_.declareService(agent, service, proxy);
-    groupIs(k, group, paths);
-  }
-  void groupIs(unsigned k, char const* group, std::initializer_list<char const*> paths) {
-    services_[k].groupIs(group);
-    for (char const* path : paths) {
-      mountIs(k, group, path);
-      mounts_.push_back({k, group, path});
+  // Writes service k's whole declaration, one record at a time: its status and
+  // configuration, then its groups with their mounts, then its groups' filters.
+  void declareWhole(unsigned k, Vesk::String const& name) {
+    services_[k] = world_.declareService(kServices[k].agent, name, kServices[k].proxy);
+    for (Mount const& m : mounts_) {
+      if (m.service != k) continue;
+      services_[k].groupIs(m.group);
+      mountIs(k, m.group, m.path);
     }
+    auto const systems = [](std::initializer_list<unsigned> indexes) {
+      std::vector<SystemId> out;
+      for (unsigned i : indexes) out.push_back(Sim::World::systemOf(i));
+      return out;
+    };
+    Sim::ServiceDeclaration const& svc = services_[k];
+    if (k == 0) svc.systemFilterIs("some", systems({3, 5}));
+    if (k == 1) svc.versionFilterIs("v", {2});
+    if (k == 2) svc.systemFilterIs("few", systems({1, 3}));
+    if (k == 3) svc.versionFilterIs("both", {1});
+    if (k == 3) svc.systemFilterIs("both", systems({2, 4}));
   }
+
+  // What a service's records go through: undeclared (its machine stays, with the
+  // declaration it took up), declared again (taken up only if no machine holds the
+  // service), or its configuration replaced by a record of another type (its machine goes,
+  // and withdraws what it asked for), which a later step takes away again.
+  std::string serviceRecordStep() {
+    unsigned const k = unsigned(rng_.below(std::size(kServices)));
+    Service const& spec = kServices[k];
+    std::string const who = std::string(" ") + spec.agent;
+    Vesk::Dir& configDir = spec.proxy ? *world_.proxyMountConfigDir() : *world_.mountConfigDir();
+    if (blocked_[k]) {
+      configDir.entityPtrDel(spec.agent);
+      blocked_[k] = false;
+      return "record of another type gone:" + who;
+    }
+    if (inDirs_[k] && rng_.chance(0.5)) {
+      world_.undeclareService(spec.agent, spec.proxy);
+      inDirs_[k] = false;
+      return "undeclared:" + who;
+    }
+    if (inDirs_[k]) {
+      configDir.entityPtrDel(spec.agent);
+      configDir.entityPtrIs(Sim::localEntityFactory(spec.agent));
+      blocked_[k] = true;
+      inDirs_[k] = false;
+      inEffect_[k] = Sim::ServiceDeclaration();
+      return "declaration replaced by a record of another type:" + who;
+    }
+    world_.undeclareService(spec.agent, spec.proxy);  // whatever of it is left
+    declareWhole(k, services_[k].config()->serviceName());
+    inDirs_[k] = true;
+    if (!inEffect_[k].config()) inEffect_[k] = services_[k];
+    return "declared again:" + who;
+  }
+
   // Bar and Late leave their target paths empty (the registry directory's default), the
   // others mount at the path itself: entries shared between them keep the first's.
   void mountIs(unsigned k, char const* group, char const* path) {
@@ -520,7 +574,7 @@ class RandomRun {
     SystemId const s = anySystem();
     std::string const on = " on " + std::string(s.stringValue().view());
     bool const connected = world_.connected(s);
-    switch (rng_.below(16)) {
+    switch (rng_.below(17)) {
       case 0:
         if (connected) {
           world_.removeSwitch(s);
@@ -605,6 +659,8 @@ class RandomRun {
         return declarationStep();
       case 9:
         return rng_.chance(0.5) ? leaderChange() : followLeader();
+      case 14:
+        return serviceRecordStep();
       case 10: {
         bool const established = rng_.chance(0.5);
         world_.establishedIs(established);
@@ -626,9 +682,17 @@ class RandomRun {
   Sim::Rng rng_;
   Expectations const expect_;
   std::string current_ = "the start";
-  std::array<Sim::ServiceDeclaration, 5> services_;
+  // The declarations last written, per service.
+  std::array<Sim::ServiceDeclaration, std::size(kServices)> services_;
+  // The declarations the machines hold: the one a service was taken up with, or none once a
+  // record of another type made its machine go.
+  std::array<Sim::ServiceDeclaration, std::size(kServices)> inEffect_;
+  // Whether the last declaration is in the directories, and whether a record of another
+  // type holds the configuration's place.
+  std::array<bool, std::size(kServices)> inDirs_{};
+  std::array<bool, std::size(kServices)> blocked_{};
   Sim::PublishDeclaration publisher_;
-  std::vector<Mount> mounts_;
+  std::vector<Mount> const mounts_{std::begin(kMounts), std::end(kMounts)};
   std::unique_ptr<Sim::Agent> agent_;
 };
 

@@ -95,11 +95,14 @@ class MachineCollection {
     return created;
   }
 
-  // Tells the child to clean up, then drops it.
+  // Tells the child to clean up, then drops it. A child whose cleanup leaves it reacting
+  // (a group that withdraws on a stale generation and waits for a current one) has a
+  // detach() that stops it, so that one held elsewhere reaches its parent no more.
   void cleanupAndDel(K const& k) {
     Ptr<T> child = (*this)(k);
     if (!child) return;
     child->doCleanup();
+    if constexpr (requires { child->detach(); }) child->detach();
     members_.erase(k);
   }
   void cleanupAndDelAll() {

@@ -200,4 +200,10 @@ void ServiceMountGroupSm::removeMountConfig(Vesk::Name const& name) {
   }
 }
 
+void ServiceMountGroupSm::detach() {
+  groupReactor_.reset();
+  controllerdbReactor_.reset();
+  serviceReactor_.reset();
+}
+
 }  // namespace Controller

@@ -66,6 +66,8 @@ class ServiceMountGroupSm : public Vesk::PtrInterface {
   // Withdraws the service's mounters and prefixes for every name the group declares. The
   // machine keeps watching its group, so a matching generation can mount again.
   void doCleanup();
+  // Stops reacting: the parent is dropping the machine.
+  void detach();
 
  private:
   class GroupReactor;

@@ -287,4 +287,9 @@ void ServicePublishGroupSm::doCleanup() {
   publishGroupStatus_->publishStatusDelAll();
 }
 
+void ServicePublishGroupSm::detach() {
+  groupReactor_.reset();
+  registryReactor_.reset();
+}
+
 }  // namespace Controller

@@ -93,6 +93,8 @@ class ServicePublishGroupSm : public Vesk::PtrInterface {
   // Withdraws everything the group published and the publish statuses it wrote. The
   // machine keeps watching its group, so a matching generation can publish again.
   void doCleanup();
+  // Stops reacting: the parent is dropping the machine.
+  void detach();
 
  private:
   template <class F>

@@ -206,6 +206,15 @@ TEST_F(ServiceMountConfigMachines, ALeaderChangeWithdrawsEveryMounterAndChanging
 
   foo.config()->leaderGenIdIs("0");  // the service's own generation goes stale as well
   EXPECT_EQ(mounters("/a") + mounters("/b"), 0u);
+
+  // A group machine held past its service's machine reacts no more.
+  foo.config()->leaderGenIdIs("1");
+  Vesk::Ptr<ServiceMountGroupSm> kept = sm->serviceMountConfigSm("fooAgent")->mountGroupSm("g");
+  sm->doCleanup();
+  sm = nullptr;
+  world.leaderGenIdIs("3");
+  world.leaderGenIdIs("1");
+  EXPECT_EQ(mounters("/a"), 0u);
 }
 
 TEST_F(ServiceMountConfigMachines, TwoServicesShareAnEntryUnderTheFirstTargetPath) {

@@ -34,10 +34,10 @@
 #include <sys/resource.h>
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <memory>
 #include <string_view>
 
+#include "bench/CpuTime.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
 #include "registry/PublishRegistryEntrySm.h"
@@ -68,11 +68,7 @@ long minorFaults() {
   return u.ru_minflt;
 }
 
-double cpuSeconds() {
-  timespec ts;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
-}
+using VeskBench::cpuSeconds;
 
 std::string serviceName(unsigned k) {
   std::string name = "svc" + std::to_string(k);

@@ -13,11 +13,11 @@
 //                  and prefix, and changes back, which restores them (the entries stay)
 #include <benchmark/benchmark.h>
 
-#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bench/CpuTime.h"
 #include "sim/Agent.h"
 #include "sim/World.h"
 
@@ -27,11 +27,7 @@ constexpr unsigned kServices = 20;
 constexpr unsigned kGroups = 10;
 constexpr unsigned kConfigs = 100;
 
-double cpuSeconds() {
-  timespec ts;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
-}
+using VeskBench::cpuSeconds;
 
 // A third of each group's paths are the same for every service.
 std::string pathOf(unsigned service, unsigned group, unsigned config) {

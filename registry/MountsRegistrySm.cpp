@@ -186,11 +186,13 @@ void MountsRegistrySm::handlePublishEntry(Vesk::Name const& name) {
                   "!preSm || pe->serviceName() == preSm->publishEntry()->serviceName()");
   // An entry deleted and made again while notifications were held back gets a machine of its
   // own; the old one withdraws what it published first.
-  if (preSm && preSm->publishEntry() != pe) publishRegistryEntrySmDel(name);
-  if (preSm && preSm->publishEntry() == pe) return;
+  if (preSm) {
+    if (preSm->publishEntry() == pe) return;
+    publishRegistryEntrySmDel(name);
+  }
   Vesk::Ptr<PublishRegistryEntrySm> sm =
       publishRegistryEntrySm_.is(name, pe, oobStatus_, controllerdbPublishStatus_, this);
-  publishSmsByService_.emplace(realServiceOf(pe->serviceName())).first->emplace(name, sm);
+  publishSmsByService_.is(realServiceOf(pe->serviceName()), name, sm);
   // The machine processed its entry while it was being made, before it could be found here.
   if (sm->processed()) handleServicePublishReady(pe->serviceName());
 }
@@ -204,11 +206,7 @@ void MountsRegistrySm::handlePublishEntry() {
 void MountsRegistrySm::publishRegistryEntrySmDel(Vesk::Name const& name) {
   Vesk::Ptr<PublishRegistryEntrySm> sm = publishRegistryEntrySm_(name);
   if (!sm) return;
-  Vesk::Name const real = realServiceOf(sm->publishEntry()->serviceName());
-  if (PublishSet* sms = publishSmsByService_.find(real)) {
-    sms->erase(name);
-    if (sms->empty()) publishSmsByService_.erase(real);
-  }
+  publishSmsByService_.del(realServiceOf(sm->publishEntry()->serviceName()), name);
   publishRegistryEntrySm_.cleanupAndDel(name);
 }
 
@@ -237,7 +235,7 @@ void MountsRegistrySm::handleServicePublishReady() {
 }
 
 bool MountsRegistrySm::publishEntriesProcessed(Vesk::String const& service) const {
-  PublishSet const* sms = publishSmsByService_.find(realServiceOf(service));
+  auto const* sms = publishSmsByService_.find(realServiceOf(service));
   if (!sms) return true;
   for (auto const& [name, sm] : *sms) {
     if (sm->publishEntry()->serviceName() != service || sm->processed()) continue;
@@ -314,13 +312,13 @@ void MountsRegistrySm::handleServiceSwitchConnection(SystemId const& systemId,
   VESK_TRACE(traceHandle, 5, "MountsRegistrySm::handleServiceSwitchConnection",
              " peer:", systemId.stringValue(), " service:", service);
   Vesk::Name const real = realServiceOf(service);
-  if (EntrySet const* entries = entriesByService_.find(real)) {
+  if (auto const* entries = entriesByService_.find(real)) {
     for (auto const& [name, entrySm] : *entries) {
       VESK_ASSERT_MSG(entrySm->registryEntry(), "registryEntry");
       entrySm->handleSwitchConnection(systemId);
     }
   }
-  if (PublishSet const* sms = publishSmsByService_.find(real)) {
+  if (auto const* sms = publishSmsByService_.find(real)) {
     for (auto const& [name, publishSm] : *sms) {
       VESK_ASSERT_MSG(publishSm->publishEntry(), "registryEntry");
       publishSm->handleSwitchConnection(systemId);
@@ -337,21 +335,17 @@ Vesk::Name MountsRegistrySm::realServiceOf(Vesk::String const& service) const {
 
 void MountsRegistrySm::mounterServiceIs(Vesk::String const& mounterService,
                                         MountsRegistryEntrySm* entrySm) {
-  EntrySet& entries = *entriesByService_.emplace(realServiceOf(mounterService)).first;
-  entries.emplace(entrySm->registryEntry()->name(), entrySm);
+  entriesByService_.is(realServiceOf(mounterService), entrySm->registryEntry()->name(),
+                       Vesk::Ptr<MountsRegistryEntrySm>(entrySm));
 }
 
 void MountsRegistrySm::mounterServiceDel(Vesk::String const& mounterService,
                                          MountsRegistryEntrySm* entrySm) {
-  Vesk::Name const real = realServiceOf(mounterService);
-  EntrySet* entries = entriesByService_.find(real);
-  if (!entries) return;
-  entries->erase(entrySm->registryEntry()->name());
-  if (entries->empty()) entriesByService_.erase(real);
+  entriesByService_.del(realServiceOf(mounterService), entrySm->registryEntry()->name());
 }
 
 size_t MountsRegistrySm::entriesOfService(Vesk::String const& service) const {
-  EntrySet const* entries = entriesByService_.find(realServiceOf(service));
+  auto const* entries = entriesByService_.find(realServiceOf(service));
   return entries ? entries->size() : 0;
 }
 

@@ -18,6 +18,7 @@
 #include <tuple>
 
 #include "framework/Machine.h"
+#include "registry/MachinesByService.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"
 #include "registry/VersionMemo.h"
@@ -110,8 +111,6 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   class RegistryReactor;
   class OobStatusReactor;
   class PeerTableReactor;
-  using EntrySet = Vesk::HashMap<Vesk::Name, Vesk::Ptr<MountsRegistryEntrySm>>;
-  using PublishSet = Vesk::HashMap<Vesk::Name, Vesk::Ptr<PublishRegistryEntrySm>>;
 
   void publishRegistryEntrySmDel(Vesk::Name const& name);
   // handleSwitchConnection(systemId) of the mount entries' machines alone.
@@ -132,9 +131,9 @@ class MountsRegistrySm : public Vesk::PtrInterface {
   std::unique_ptr<RegistryReactor> registryReactor_;
   std::unique_ptr<OobStatusReactor> oobStatusReactor_;
   std::unique_ptr<PeerTableReactor> peerTableReactor_;
-  Vesk::HashMap<Vesk::Name, EntrySet> entriesByService_;
+  MachinesByService<MountsRegistryEntrySm> entriesByService_;
   // The publish machines by the real service their entry counts for.
-  Vesk::HashMap<Vesk::Name, PublishSet> publishSmsByService_;
+  MachinesByService<PublishRegistryEntrySm> publishSmsByService_;
   MountGroupSummaries mountGroupSummaries_;
   // Real service names of the proxy names seen so far, so that a lookup does not build one.
   mutable Vesk::HashMap<Vesk::Name, Vesk::Name> realServiceOfProxy_;

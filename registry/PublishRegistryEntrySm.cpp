@@ -153,15 +153,16 @@ void PublishRegistryEntrySm::watchLocalPath() {
   }
 }
 
-bool PublishRegistryEntrySm::publishEntityExists() {
+bool PublishRegistryEntrySm::publishEntityExists() { return entityToPublish() != nullptr; }
+
+Vesk::Entity* PublishRegistryEntrySm::entityToPublish() {
   Vesk::Entity* entity = localEntity();
-  if (!entity) return false;
-  if (publishEntry_->isPrefixPath() && !dynamic_cast<Vesk::Dir*>(entity)) {
+  if (entity && publishEntry_->isPrefixPath() && !dynamic_cast<Vesk::Dir*>(entity)) {
     VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::publishEntityExists",
                " not a directory:", publishEntry_->name());
-    return false;
+    return nullptr;
   }
-  return true;
+  return entity;
 }
 
 void PublishRegistryEntrySm::handleLocalEntity() {
@@ -181,7 +182,8 @@ void PublishRegistryEntrySm::handleSwitchConnection() {
       handleSwitchConnection(systemId);
     }
   }
-  if (!publishEntityExists()) {
+  Vesk::Entity* const entity = entityToPublish();
+  if (!entity) {
     VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::handleSwitchConnection", "Entity at ", path,
                " doesn't exist.");
     withdrawEverywhere();
@@ -192,7 +194,7 @@ void PublishRegistryEntrySm::handleSwitchConnection() {
   presenceClock_->timeMinIs(Vesk::Clock::never);
   if (Vesk::Ptr<PeerTable const> peers = peerTable()) {
     for (auto const& [systemId, peer] : peers->peerMembers()) {
-      evaluateSystem(systemId, peer.ptr().ptr());
+      evaluateSystem(systemId, peer.ptr().ptr(), entity);
     }
   }
   if (publishEntry_->readyToPublish()) markProcessed();
@@ -201,10 +203,12 @@ void PublishRegistryEntrySm::handleSwitchConnection() {
 void PublishRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   if (!initialized_ || cleaningUp_) return;
   Vesk::Ptr<PeerTable const> peers = peerTable();
-  evaluateSystem(systemId, peers ? peers->peer(systemId).ptr() : nullptr);
+  Peer const* peer = peers ? peers->peer(systemId).ptr() : nullptr;
+  evaluateSystem(systemId, peer, peer ? entityToPublish() : nullptr);
 }
 
-void PublishRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const* peer) {
+void PublishRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const* peer,
+                                            Vesk::Entity* entity) {
   ++decisions_;
   Vesk::Name const& system = systemId.stringValue();
   VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::handleSwitchConnection",
@@ -215,12 +219,14 @@ void PublishRegistryEntrySm::evaluateSystem(SystemId const& systemId, Peer const
   }
   // The admission is decided once; a prefix-path entry's sub-directory is made for every
   // admitted system, ready or not.
-  bool admitted = publishEntityExists() && canPublishToSystem(systemId, peer);
-  if (admitted && publishEntry_->isPrefixPath()) admitted = switchDirIs(systemId);
+  bool admitted = entity && canPublishToSystem(systemId, peer);
+  if (admitted && publishEntry_->isPrefixPath()) {
+    admitted = switchDirIs(static_cast<Vesk::Dir&>(*entity), systemId);
+  }
   Controllerdb::SystemPublishedMount* record =
       controllerdbPublishStatus_ ? controllerdbPublishStatus_->system(systemId).ptr() : nullptr;
   if (admitted && peer->connectionConfig() && publishEntry_->readyToPublish() && record) {
-    publish(systemId, *record);
+    publish(systemId, *record, *entity);
     return;
   }
   VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::handleSwitchConnection",
@@ -298,11 +304,10 @@ bool PublishRegistryEntrySm::addSwitchToPublishEntryDir(SystemId const& systemId
                " Cannot publish to:", systemId.stringValue());
     return false;
   }
-  return switchDirIs(systemId);
+  return switchDirIs(static_cast<Vesk::Dir&>(*publishEntryDir), systemId);
 }
 
-bool PublishRegistryEntrySm::switchDirIs(SystemId const& systemId) {
-  auto& dir = static_cast<Vesk::Dir&>(*localEntity());
+bool PublishRegistryEntrySm::switchDirIs(Vesk::Dir& dir, SystemId const& systemId) {
   Vesk::Name const& name = systemId.stringValue();
   if (Vesk::Ptr<Vesk::Entity> held = dir.entry(name)) {
     if (dynamic_cast<Vesk::Dir*>(held.ptr())) return true;
@@ -331,18 +336,20 @@ void PublishRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
                " Cannot publish to:", systemId.stringValue());
     return;
   }
-  publish(systemId, *system);
+  Vesk::Entity* entity = entityToPublish();
+  VESK_ASSERT_MSG(entity, "Publish entity doesn't exist");
+  publish(systemId, *system, *entity);
 }
 
 void PublishRegistryEntrySm::publish(SystemId const& systemId,
-                                     Controllerdb::SystemPublishedMount& record) {
+                                     Controllerdb::SystemPublishedMount& record,
+                                     Vesk::Entity& entity) {
   Vesk::Name const& system = systemId.stringValue();
   Vesk::String const path = publishedPath(systemId);
   VESK_TRACE(traceHandle, 5, "PublishRegistryEntrySm::doConnectSwitch", " publishing:", path,
              " on:", system);
-  Vesk::Entity* base = localEntity();
-  Vesk::Dir const* dir = publishEntry_->isPrefixPath() ? dynamic_cast<Vesk::Dir*>(base) : nullptr;
-  Vesk::Entity const* publishEntity = dir ? dir->entry(system).ptr() : base;
+  Vesk::Entity const* publishEntity =
+      publishEntry_->isPrefixPath() ? static_cast<Vesk::Dir&>(entity).entry(system).ptr() : &entity;
   VESK_ASSERT_MSG(publishEntity, "Publish entity doesn't exist");
   MountDesc const mdesc{path, publishEntry_->remotePath(), publishEntry_->veskType(),
                         publishEntry_->serviceName()};

@@ -111,14 +111,18 @@ class PublishRegistryEntrySm : public Vesk::PtrInterface {
   class EntityDirReactor;
 
   Vesk::Ptr<PeerTable const> peerTable() const;
-  // The per-system decision for a system whose peer (or null: not in the table) the caller
-  // has found.
-  void evaluateSystem(SystemId const& systemId, Peer const* peer);
+  // The local entity to publish, when it exists and is of the kind the entry publishes (a
+  // directory, for a prefix-path entry); else null.
+  Vesk::Entity* entityToPublish();
+  // The per-system decision for a system whose peer (or null: not in the table) and
+  // entityToPublish() (or null) the caller has found.
+  void evaluateSystem(SystemId const& systemId, Peer const* peer, Vesk::Entity* entity);
   bool canPublishToSystem(SystemId const& systemId, Peer const* peer);
   // The system's sub-directory of a prefix-path entry's directory, made if missing; false
   // (traced) when the name is held by an entity that is not a directory.
-  bool switchDirIs(SystemId const& systemId);
-  void publish(SystemId const& systemId, Controllerdb::SystemPublishedMount& record);
+  bool switchDirIs(Vesk::Dir& dir, SystemId const& systemId);
+  void publish(SystemId const& systemId, Controllerdb::SystemPublishedMount& record,
+               Vesk::Entity& entity);
   // The local entity named by the entry, or null; the one found last is kept while it stays
   // at that path.
   Vesk::Entity* localEntity();

@@ -281,28 +281,29 @@ class RandomRun {
   // and withdraws what it asked for), which a later step takes away again.
   std::string serviceRecordStep() {
     unsigned const k = unsigned(rng_.below(std::size(kServices)));
-    Service const& spec = kServices[k];
-    std::string const who = std::string(" ") + spec.agent;
-    Vesk::Dir& configDir = spec.proxy ? *world_.proxyMountConfigDir() : *world_.mountConfigDir();
+    Service const& declared = kServices[k];
+    std::string const who = std::string(" ") + declared.agent;
+    Vesk::Dir& configDir =
+        declared.proxy ? *world_.proxyMountConfigDir() : *world_.mountConfigDir();
     if (blocked_[k]) {
-      configDir.entityPtrDel(spec.agent);
+      configDir.entityPtrDel(declared.agent);
       blocked_[k] = false;
       return "record of another type gone:" + who;
     }
     if (inDirs_[k] && rng_.chance(0.5)) {
-      world_.undeclareService(spec.agent, spec.proxy);
+      world_.undeclareService(declared.agent, declared.proxy);
       inDirs_[k] = false;
       return "undeclared:" + who;
     }
     if (inDirs_[k]) {
-      configDir.entityPtrDel(spec.agent);
-      configDir.entityPtrIs(Sim::localEntityFactory(spec.agent));
+      configDir.entityPtrDel(declared.agent);
+      configDir.entityPtrIs(Sim::localEntityFactory(declared.agent));
       blocked_[k] = true;
       inDirs_[k] = false;
       inEffect_[k] = Sim::ServiceDeclaration();
       return "declaration replaced by a record of another type:" + who;
     }
-    world_.undeclareService(spec.agent, spec.proxy);  // whatever of it is left
+    world_.undeclareService(declared.agent, declared.proxy);  // whatever of it is left
     declareWhole(k, services_[k].config()->serviceName());
     inDirs_[k] = true;
     if (!inEffect_[k].config()) inEffect_[k] = services_[k];

@@ -99,14 +99,6 @@ void ServiceConfigDirSm::handleServices(ServiceKind kind) {
   }
 }
 
-// Taken before the walk: a child made on the way may write into the directories.
-std::vector<Vesk::Name> ServiceConfigDirSm::namesIn(Vesk::Dir const& dir) {
-  std::vector<Vesk::Name> names;
-  names.reserve(dir.entityPtrSize());
-  for (auto const& [name, entity] : dir.entityPtrMembers()) names.push_back(name);
-  return names;
-}
-
 // ---- children ------------------------------------------------------------------------------
 
 Vesk::Ptr<ServiceMountConfigSm> ServiceConfigDirSm::serviceMountConfigSm(
@@ -179,7 +171,7 @@ void ServiceConfigDirSm::handleInitialized() {
 void ServiceConfigDirSm::handleServiceMount() {
   if (!initialized_ || !mountConfigDir_) return;
   VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServiceMount", "()");
-  for (Vesk::Name const& name : namesIn(*mountConfigDir_)) handleServiceMount(name);
+  for (auto const& [name, entity] : mountConfigDir_->entityPtrMembers()) handleServiceMount(name);
 }
 
 void ServiceConfigDirSm::handleServiceMount(Vesk::Name const& name) {
@@ -191,7 +183,9 @@ void ServiceConfigDirSm::handleServiceMount(Vesk::Name const& name) {
 void ServiceConfigDirSm::handleProxyServiceMount() {
   if (!initialized_ || !proxyMountConfigDir_) return;
   VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleProxyServiceMount", "()");
-  for (Vesk::Name const& name : namesIn(*proxyMountConfigDir_)) handleProxyServiceMount(name);
+  for (auto const& [name, entity] : proxyMountConfigDir_->entityPtrMembers()) {
+    handleProxyServiceMount(name);
+  }
 }
 
 void ServiceConfigDirSm::handleProxyServiceMount(Vesk::Name const& name) {
@@ -228,7 +222,9 @@ void ServiceConfigDirSm::handleServiceMountCommon(bool isProxyService, Vesk::Nam
 void ServiceConfigDirSm::handleServicePublish() {
   if (!initialized_ || !publishConfigDir_) return;
   VESK_TRACE(traceHandle, 5, "ServiceConfigDirSm::handleServicePublish", "()");
-  for (Vesk::Name const& name : namesIn(*publishConfigDir_)) handleServicePublish(name);
+  for (auto const& [name, entity] : publishConfigDir_->entityPtrMembers()) {
+    handleServicePublish(name);
+  }
 }
 
 void ServiceConfigDirSm::handleServicePublish(Vesk::Name const& name) {

@@ -123,7 +123,6 @@ class ServiceConfigDirSm : public Vesk::PtrInterface {
   void dirReactorIs(Vesk::Ptr<Vesk::Dir const> const& dir, ServiceKind kind);
   void handleService(ServiceKind kind, Vesk::Name const& name);
   void handleServices(ServiceKind kind);
-  static std::vector<Vesk::Name> namesIn(Vesk::Dir const& dir);
 
   Vesk::Ptr<Controllerdb::Status const> const controllerdbStatus_;
   Vesk::Ptr<Vesk::Dir const> const mountConfigDir_;

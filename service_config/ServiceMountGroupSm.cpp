@@ -102,7 +102,8 @@ void ServiceMountGroupSm::handleLeaderGenId() {
 void ServiceMountGroupSm::handleMountConfig() {
   if (!initialized_) return;
   VESK_TRACE(traceHandle, 5, "ServiceMountGroupSm::handleMountConfig", " group:", groupName_);
-  for (Vesk::Name const& name : declaredNames()) handleMountConfig(name);
+  for (auto const& [name, config] : mountGroupConfig_->mountConfigMembers())
+    handleMountConfig(name);
 }
 
 void ServiceMountGroupSm::handleMountConfig(Vesk::Name const& name) {
@@ -117,15 +118,8 @@ void ServiceMountGroupSm::handleMountConfig(Vesk::Name const& name) {
 
 void ServiceMountGroupSm::doCleanup() {
   VESK_TRACE(traceHandle, 5, "ServiceMountGroupSm::doCleanup", " group:", groupName_);
-  for (Vesk::Name const& name : declaredNames()) removeMountConfig(name);
-}
-
-// Taken before the walk, since what the registry's observers do may change the group.
-std::vector<Vesk::Name> ServiceMountGroupSm::declaredNames() const {
-  std::vector<Vesk::Name> names;
-  names.reserve(mountGroupConfig_->mountConfigSize());
-  for (auto const& [name, config] : mountGroupConfig_->mountConfigMembers()) names.push_back(name);
-  return names;
+  for (auto const& [name, config] : mountGroupConfig_->mountConfigMembers())
+    removeMountConfig(name);
 }
 
 void ServiceMountGroupSm::addMountConfig(Vesk::Name const& name) {

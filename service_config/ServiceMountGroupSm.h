@@ -74,7 +74,6 @@ class ServiceMountGroupSm : public Vesk::PtrInterface {
   class ControllerdbReactor;
   class ServiceReactor;
 
-  std::vector<Vesk::Name> declaredNames() const;
   // The target path of a new entry, with its chain of directories created.
   Vesk::String newTargetPath(Vesk::Name const& name, MountConfig const& mountConfig) const;
   void mountedPathPrefixIs(Vesk::Name const& name, Vesk::String const& targetPath);

@@ -1,6 +1,8 @@
 // MachinesByService<T>: the registry machine's children of one kind grouped by the real
 // service they count for, so that a report about one service's version visits only the
-// children it concerns. A service's group goes when its last child does.
+// children it concerns. A service's group stays when its last child goes, empty: services
+// are few, and one whose children all go and come back (as on a leader change) then finds
+// its group grown to size instead of growing it again.
 #pragma once
 
 #include "framework/HashMap.h"
@@ -21,9 +23,8 @@ class MachinesByService {
     Set* set = sets_.find(service);
     if (!set) return;
     set->erase(name);
-    if (set->empty()) sets_.erase(service);
   }
-  // The service's children, or null when it has none.
+  // The service's children, or null when it has never had any.
   Set const* find(Vesk::Name const& service) const { return sets_.find(service); }
 
  private:

@@ -3,27 +3,29 @@
 #include <vector>
 
 #include "framework/Assert.h"
+#include "framework/SmallObject.h"
 #include "framework/Trace.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
 
 namespace Controller {
 
+// One machine is made per mounter, so its reactors too come from the small-block store.
+
 namespace {
 Vesk::TraceHandle traceHandle("MounterConfigSm", true);
 }  // namespace
 
-// Follows the group's choice of filters.
-class MounterConfigSm::GroupReactor
-    : public Vesk::OwnedReactor<ServiceMountGroupConfig::NotifieeConst, MounterConfigSm> {
- public:
-  using OwnedReactor::OwnedReactor;
-  void onSystemFilter() override { owner_->systemFilterIs(notifierRaw()->systemFilter()); }
-  void onVersionFilter() override { owner_->versionFilterIs(notifierRaw()->versionFilter()); }
-};
+void MounterConfigSm::GroupReactor::onSystemFilter() {
+  owner_->systemFilterIs(notifierRaw()->systemFilter());
+}
+void MounterConfigSm::GroupReactor::onVersionFilter() {
+  owner_->versionFilterIs(notifierRaw()->versionFilter());
+}
 
 class MounterConfigSm::SystemFilterReactor
-    : public Vesk::OwnedReactor<MountFilterSystem::NotifieeConst, MounterConfigSm> {
+    : public Vesk::OwnedReactor<MountFilterSystem::NotifieeConst, MounterConfigSm>,
+      public Vesk::SmallObject {
  public:
   using OwnedReactor::OwnedReactor;
   void onIncludedSystem(Vesk::String const& system) override {
@@ -34,7 +36,8 @@ class MounterConfigSm::SystemFilterReactor
 };
 
 class MounterConfigSm::VersionFilterReactor
-    : public Vesk::OwnedReactor<MountFilterServiceVersion::NotifieeConst, MounterConfigSm> {
+    : public Vesk::OwnedReactor<MountFilterServiceVersion::NotifieeConst, MounterConfigSm>,
+      public Vesk::SmallObject {
  public:
   using OwnedReactor::OwnedReactor;
   void onIncludedServiceVersion(uint32_t const& version) override {
@@ -48,7 +51,7 @@ MounterConfigSm::MounterConfigSm(Vesk::Ptr<Mounter> const& mounter,
                                  MountsRegistryEntrySm* mountsRegistryEntrySm)
     : mounter_(mounter), mountsRegistryEntrySm_(mountsRegistryEntrySm) {
   if (ServiceMountGroupConfig const* group = mounter_->mountGroupConfig().ptr()) {
-    groupReactor_ = std::make_unique<GroupReactor>(this);
+    groupReactor_.emplace(this);
     groupReactor_->notifierIs(group);
     if (group->systemFilter()) {
       systemFilterReactor_ = std::make_unique<SystemFilterReactor>(this);
@@ -69,7 +72,7 @@ Vesk::Ptr<MounterConfigSm> mounterConfigSmFactory(Vesk::Ptr<Mounter> const& moun
   return Vesk::Ptr<MounterConfigSm>(new MounterConfigSm(mounter, mountsRegistryEntrySm));
 }
 
-Vesk::String MounterConfigSm::entryPath() const {
+Vesk::String const& MounterConfigSm::entryPath() const {
   return mountsRegistryEntrySm_->registryEntry()->name();
 }
 

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <set>
 #include <tuple>
 
@@ -45,18 +46,26 @@ class MounterConfigSm : public Vesk::PtrInterface {
   void doCleanup();
 
  private:
-  class GroupReactor;
+  // Follows the group's choice of filters. Every mounter with a group has one, so it is
+  // held in the machine rather than made apart.
+  class GroupReactor
+      : public Vesk::OwnedReactor<ServiceMountGroupConfig::NotifieeConst, MounterConfigSm> {
+   public:
+    using OwnedReactor::OwnedReactor;
+    void onSystemFilter() override;
+    void onVersionFilter() override;
+  };
   class SystemFilterReactor;
   class VersionFilterReactor;
 
-  Vesk::String entryPath() const;
+  Vesk::String const& entryPath() const;
   void handleIncludedSystemChange(Vesk::String const& system);
   void filtersReplaced();
   void removeStatusRecords();
 
   Vesk::Ptr<Mounter> const mounter_;
   MountsRegistryEntrySm* const mountsRegistryEntrySm_;
-  std::unique_ptr<GroupReactor> groupReactor_;
+  std::optional<GroupReactor> groupReactor_;
   std::unique_ptr<SystemFilterReactor> systemFilterReactor_;
   std::unique_ptr<VersionFilterReactor> versionFilterReactor_;
   // What this mounter has fed into the entry machine's filters.

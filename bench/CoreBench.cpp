@@ -18,12 +18,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include "framework/HashMap.h"
-#include "framework/ManualClock.h"
-#include "framework/Ptr.h"
-#include "framework/PtrInterface.h"
-#include "framework/String.h"
-#include "tests/framework/TestNotifier.h"
+#include "framework/core/HashMap.h"
+#include "framework/core/Ptr.h"
+#include "framework/core/PtrInterface.h"
+#include "framework/core/String.h"
+#include "framework/time/ManualClock.h"
+#include "tests/framework/core/TestNotifier.h"
 
 namespace {
 

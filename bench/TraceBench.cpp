@@ -18,8 +18,8 @@
 #include <string>
 
 #include "bench/Reporting.h"
-#include "framework/Flitlog.h"
-#include "framework/Trace.h"
+#include "framework/trace/Flitlog.h"
+#include "framework/trace/Trace.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "registry/ConnectionServiceStatusDirSm.h"
 
-#include "framework/Assert.h"
-#include "framework/Trace.h"
+#include "framework/core/Assert.h"
+#include "framework/trace/Trace.h"
 #include "registry/MountsRegistrySm.h"
 
 namespace Controller {

@@ -9,7 +9,7 @@
 #include <array>
 #include <tuple>
 
-#include "framework/Machine.h"
+#include "framework/core/Machine.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {

@@ -5,9 +5,9 @@
 // its group grown to size instead of growing it again.
 #pragma once
 
-#include "framework/HashMap.h"
-#include "framework/Ptr.h"
-#include "framework/String.h"
+#include "framework/core/HashMap.h"
+#include "framework/core/Ptr.h"
+#include "framework/core/String.h"
 
 namespace Controller {
 

@@ -1,6 +1,6 @@
 #include "registry/MountGroupSummary.h"
 
-#include "framework/Assert.h"
+#include "framework/core/Assert.h"
 
 namespace Controller {
 

@@ -29,7 +29,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "framework/HashMap.h"
+#include "framework/core/HashMap.h"
 #include "model/MountInterface.h"
 
 namespace Controller {

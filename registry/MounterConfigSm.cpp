@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "framework/Assert.h"
-#include "framework/SmallObject.h"
-#include "framework/Trace.h"
+#include "framework/core/Assert.h"
+#include "framework/core/SmallObject.h"
+#include "framework/trace/Trace.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
 

@@ -13,7 +13,7 @@
 #include <set>
 #include <tuple>
 
-#include "framework/Machine.h"
+#include "framework/core/Machine.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {

@@ -8,7 +8,7 @@
 
 #include <iosfwd>
 
-#include "framework/String.h"
+#include "framework/core/String.h"
 
 namespace Controller {
 

@@ -2,9 +2,9 @@
 
 #include <deque>
 
-#include "framework/Assert.h"
-#include "framework/Prefetch.h"
-#include "framework/Trace.h"
+#include "framework/core/Assert.h"
+#include "framework/core/Prefetch.h"
+#include "framework/trace/Trace.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MounterConfigSm.h"
 #include "registry/MountsRegistrySm.h"

@@ -11,8 +11,8 @@
 #include <array>
 #include <tuple>
 
-#include "framework/LiveCount.h"
-#include "framework/Machine.h"
+#include "framework/core/LiveCount.h"
+#include "framework/core/Machine.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"
 #include "registry/VersionMemo.h"

@@ -2,9 +2,9 @@
 
 #include <unordered_map>
 
-#include "framework/Assert.h"
-#include "framework/CountedRecords.h"
-#include "framework/Trace.h"
+#include "framework/core/Assert.h"
+#include "framework/records/CountedRecords.h"
+#include "framework/trace/Trace.h"
 #include "registry/ConnectionServiceStatusDirSm.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/PublishRegistryEntrySm.h"

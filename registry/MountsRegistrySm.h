@@ -17,7 +17,7 @@
 #include <array>
 #include <tuple>
 
-#include "framework/Machine.h"
+#include "framework/core/Machine.h"
 #include "registry/MachinesByService.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MountsRegistry.h"

@@ -2,11 +2,11 @@
 
 #include <string_view>
 
-#include "framework/Activity.h"
-#include "framework/Assert.h"
-#include "framework/Dir.h"
-#include "framework/Exception.h"
-#include "framework/Trace.h"
+#include "framework/core/Assert.h"
+#include "framework/core/Dir.h"
+#include "framework/core/Exception.h"
+#include "framework/time/Activity.h"
+#include "framework/trace/Trace.h"
 #include "registry/MountsRegistrySm.h"
 
 namespace Controller {

@@ -49,8 +49,8 @@
 #include <tuple>
 #include <vector>
 
-#include "framework/Clock.h"
-#include "framework/Machine.h"
+#include "framework/core/Machine.h"
+#include "framework/time/Clock.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {

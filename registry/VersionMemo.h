@@ -4,7 +4,7 @@
 // the peer, its service status directory, the service's status and its version status:
 // five records, rarely in cache. A caller that asks again and again for the same service
 // on the same system (a mount reporting each step of its progress) keeps what it read with
-// the count of counted-record changes of that moment (framework/CountedRecords.h); while
+// the count of counted-record changes of that moment (framework/records/CountedRecords.h); while
 // the count stands, none of those records has changed and the reading still holds.
 #pragma once
 

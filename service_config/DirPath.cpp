@@ -3,8 +3,8 @@
 #include <string_view>
 #include <vector>
 
-#include "framework/Exception.h"
-#include "framework/Trace.h"
+#include "framework/core/Exception.h"
+#include "framework/trace/Trace.h"
 
 namespace Controller {
 

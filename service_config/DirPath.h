@@ -12,7 +12,7 @@
 //   Vesk::Ptr<Vesk::Dir> dir = doCreateDirPath(root, "publish/foo/bar");
 #pragma once
 
-#include "framework/Dir.h"
+#include "framework/core/Dir.h"
 
 namespace Controller {
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <tuple>
 
-#include "framework/Machine.h"
+#include "framework/core/Machine.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {

@@ -1,6 +1,6 @@
 #include "service_config/ServiceConfigDirSm.h"
 
-#include "framework/Trace.h"
+#include "framework/trace/Trace.h"
 #include "service_config/ServiceMountConfigSm.h"
 #include "service_config/ServicePublishConfigSm.h"
 

@@ -28,8 +28,8 @@
 #include <tuple>
 #include <vector>
 
-#include "framework/Dir.h"
-#include "framework/Machine.h"
+#include "framework/core/Dir.h"
+#include "framework/core/Machine.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {

@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "framework/Assert.h"
-#include "framework/Trace.h"
+#include "framework/core/Assert.h"
+#include "framework/trace/Trace.h"
 #include "service_config/DirPath.h"
 #include "service_config/ServiceMountConfigSm.h"
 

@@ -21,7 +21,7 @@
 #include <tuple>
 #include <vector>
 
-#include "framework/Machine.h"
+#include "framework/core/Machine.h"
 #include "registry/MountsRegistry.h"
 
 namespace Controller {

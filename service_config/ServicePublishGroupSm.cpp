@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "framework/Trace.h"
+#include "framework/trace/Trace.h"
 #include "service_config/PublishDirSm.h"
 #include "service_config/ServicePublishConfigSm.h"
 

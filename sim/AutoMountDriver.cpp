@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "framework/Activity.h"
-#include "framework/Assert.h"
-#include "framework/SmallObject.h"
+#include "framework/core/Assert.h"
+#include "framework/core/SmallObject.h"
+#include "framework/time/Activity.h"
 
 namespace Sim {
 

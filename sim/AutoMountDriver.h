@@ -40,9 +40,9 @@
 #include <memory>
 #include <vector>
 
-#include "framework/Clock.h"
-#include "framework/ControllerRecords.h"
-#include "framework/MountDriver.h"
+#include "framework/records/ControllerRecords.h"
+#include "framework/records/MountDriver.h"
+#include "framework/time/Clock.h"
 #include "sim/Rng.h"
 
 namespace Sim {

@@ -30,7 +30,7 @@
 #include <string>
 #include <utility>
 
-#include "framework/ControllerRecords.h"
+#include "framework/records/ControllerRecords.h"
 #include "registry/MountsRegistry.h"
 
 namespace Sim {

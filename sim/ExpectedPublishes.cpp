@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "framework/Dir.h"
+#include "framework/core/Dir.h"
 #include "sim/ExpectedMounts.h"
 #include "sim/World.h"
 

@@ -31,7 +31,7 @@
 #include <utility>
 #include <vector>
 
-#include "framework/ControllerRecords.h"
+#include "framework/records/ControllerRecords.h"
 #include "registry/MountsRegistry.h"
 
 namespace Sim {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "framework/SystemId.h"
+#include "framework/records/SystemId.h"
 #include "model/MountInterface.h"
 
 namespace Sim::detail {

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "framework/SmallBlocks.h"
+#include "framework/core/SmallBlocks.h"
 
 namespace Sim {
 namespace {

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "framework/SystemId.h"
+#include "framework/records/SystemId.h"
 #include "model/MountInterface.h"
 
 namespace Sim {

@@ -1,6 +1,6 @@
 #include "sim/Rng.h"
 
-#include "framework/Exception.h"
+#include "framework/core/Exception.h"
 
 namespace Sim {
 

@@ -2,8 +2,8 @@
 
 #include <string_view>
 
-#include "framework/EthAddr.h"
-#include "framework/Exception.h"
+#include "framework/core/Exception.h"
+#include "framework/records/EthAddr.h"
 #include "initial_mount/ProcessedSwitch.h"
 #include "sim/GroupFilters.h"
 

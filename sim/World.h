@@ -32,11 +32,11 @@
 #include <utility>
 #include <vector>
 
-#include "framework/Activity.h"
-#include "framework/ControllerRecords.h"
-#include "framework/Dir.h"
-#include "framework/ManualClock.h"
-#include "framework/MountDriver.h"
+#include "framework/core/Dir.h"
+#include "framework/records/ControllerRecords.h"
+#include "framework/records/MountDriver.h"
+#include "framework/time/Activity.h"
+#include "framework/time/ManualClock.h"
 #include "model/MountInterface.h"
 #include "registry/MountsRegistry.h"
 #include "registry/MountsRegistrySm.h"

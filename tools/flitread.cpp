@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "framework/FlitlogReader.h"
+#include "framework/trace/FlitlogReader.h"
 
 namespace {
 

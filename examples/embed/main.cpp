@@ -13,12 +13,12 @@
 #include <memory>
 #include <vector>
 
-#include "framework/Activity.h"
-#include "framework/Clock.h"
-#include "framework/ControllerRecords.h"
-#include "framework/Dir.h"
-#include "framework/EthAddr.h"
-#include "framework/MountDriver.h"
+#include "framework/core/Dir.h"
+#include "framework/records/ControllerRecords.h"
+#include "framework/records/EthAddr.h"
+#include "framework/records/MountDriver.h"
+#include "framework/time/Activity.h"
+#include "framework/time/Clock.h"
 #include "model/MountInterface.h"
 #include "registry/MountsRegistry.h"
 #include "registry/MountsRegistrySm.h"
@@ -33,7 +33,7 @@ using Vesk::Seconds;
 
 // Carries each mount out after a fixed delay on the clock: a stand-in for the mount-machine
 // component, whose driver a real controller installs. It keeps raw pointers to machines
-// and forgets one as soon as it is cleaned up or destroyed (see framework/MountDriver.h).
+// and forgets one as soon as it is cleaned up or destroyed (see framework/records/MountDriver.h).
 class DelayMountDriver : public Controller::MountDriver, Vesk::Clock::Notifiee {
  public:
   DelayMountDriver(Ptr<Vesk::Clock> const& clock, Seconds delay)

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "framework/Exception.h"
-#include "framework/LiveCount.h"
+#include "framework/core/Exception.h"
+#include "framework/core/LiveCount.h"
 #include "model/MountInterface.h"
 #include "tests/support/FailureText.h"
 

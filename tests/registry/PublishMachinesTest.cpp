@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "framework/Trace.h"
+#include "framework/trace/Trace.h"
 #include "registry/MountsRegistrySm.h"
 #include "registry/PublishRegistryEntrySm.h"
 #include "sim/World.h"

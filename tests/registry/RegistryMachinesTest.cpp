@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/Trace.h"
+#include "framework/trace/Trace.h"
 #include "registry/ConnectionServiceStatusDirSm.h"
 #include "registry/MountGroupSummary.h"
 #include "registry/MounterConfigSm.h"

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "framework/Dir.h"
-#include "framework/Exception.h"
-#include "framework/HashMap.h"
+#include "framework/core/Dir.h"
+#include "framework/core/Exception.h"
+#include "framework/core/HashMap.h"
 #include "registry/MounterName.h"
 #include "registry/MountsRegistry.h"
 

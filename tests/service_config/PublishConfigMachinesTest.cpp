@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/Trace.h"
+#include "framework/trace/Trace.h"
 #include "service_config/DirPath.h"
 #include "service_config/PublishDirSm.h"
 #include "service_config/ServicePublishConfigSm.h"

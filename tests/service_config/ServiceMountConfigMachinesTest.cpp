@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <string>
 
-#include "framework/Trace.h"
+#include "framework/trace/Trace.h"
 #include "service_config/ServiceConfigDirSm.h"
 #include "service_config/ServiceMountConfigSm.h"
 #include "service_config/ServiceMountGroupSm.h"

@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "framework/Activity.h"
-#include "framework/ControllerRecords.h"
-#include "framework/EthAddr.h"
-#include "framework/LiveCount.h"
+#include "framework/core/LiveCount.h"
+#include "framework/records/ControllerRecords.h"
+#include "framework/records/EthAddr.h"
+#include "framework/time/Activity.h"
 #include "sim/AutoMountDriver.h"
 
 namespace Sim {

@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "framework/SmallBlocks.h"
+#include "framework/core/SmallBlocks.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/Exception.h"
+#include "framework/core/Exception.h"
 #include "sim/ExpectedPublishes.h"
 #include "sim/World.h"
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "framework/Exception.h"
+#include "framework/core/Exception.h"
 #include "sim/Rng.h"
 
 namespace Sim {

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/Activity.h"
-#include "framework/Exception.h"
+#include "framework/core/Exception.h"
+#include "framework/time/Activity.h"
 #include "sim/World.h"
 
 namespace Sim {

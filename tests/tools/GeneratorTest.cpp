@@ -5,8 +5,8 @@
 #include <sstream>
 #include <vector>
 
-#include "framework/Dir.h"
-#include "framework/TypeRegistry.h"
+#include "framework/core/Dir.h"
+#include "framework/core/TypeRegistry.h"
 #include "tests/support/FailureText.h"
 #include "tests/tools/Sample.h"
 

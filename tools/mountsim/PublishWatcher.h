@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
-#include "framework/Clock.h"
-#include "framework/ControllerRecords.h"
+#include "framework/records/ControllerRecords.h"
+#include "framework/time/Clock.h"
 
 namespace MountSim {
 

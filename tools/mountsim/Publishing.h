@@ -11,7 +11,7 @@
 #include <iosfwd>
 #include <string>
 
-#include "framework/SystemId.h"
+#include "framework/records/SystemId.h"
 #include "sim/World.h"
 
 namespace MountSim {

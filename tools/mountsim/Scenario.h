@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <iosfwd>
 
-#include "framework/String.h"
+#include "framework/core/String.h"
 
 namespace MountSim {
 

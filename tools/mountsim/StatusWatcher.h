@@ -11,8 +11,8 @@
 #include <memory>
 #include <string>
 
-#include "framework/Clock.h"
-#include "framework/Dir.h"
+#include "framework/core/Dir.h"
+#include "framework/time/Clock.h"
 #include "model/MountInterface.h"
 
 namespace MountSim {

@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "framework/Clock.h"
+#include "framework/time/Clock.h"
 
 namespace MountSim {
 

@@ -13,8 +13,8 @@
 #include <string_view>
 
 #include "Scenario.h"
-#include "framework/Flitlog.h"
-#include "framework/Trace.h"
+#include "framework/trace/Flitlog.h"
+#include "framework/trace/Trace.h"
 
 namespace {
 

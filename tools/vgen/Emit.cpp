@@ -592,9 +592,9 @@ Output emit(Schema const& s, std::string const& schemaName) {
   Output out;
   std::string banner = "// Generated from " + schemaName + " by vgen; do not edit.\n";
   out.header = banner + "#pragma once\n\n#include <cstdint>\n#include <iosfwd>\n\n";
-  for (char const* inc :
-       {"framework/CountedRecords.h", "framework/Entity.h", "framework/Exception.h",
-        "framework/HashMap.h", "framework/Notifiee.h", "framework/ValueText.h"}) {
+  for (char const* inc : {"framework/records/CountedRecords.h", "framework/core/Entity.h",
+                          "framework/core/Exception.h", "framework/core/HashMap.h",
+                          "framework/core/Notifiee.h", "framework/core/ValueText.h"}) {
     out.header += std::string("#include \"") + inc + "\"\n";
   }
   for (auto const& inc : s.includes) out.header += "#include \"" + inc + "\"\n";
@@ -608,7 +608,7 @@ Output emit(Schema const& s, std::string const& schemaName) {
 
   out.source =
       banner + "#include \"" + s.module + ".h\"\n\n#include <ostream>\n#include <vector>\n\n";
-  out.source += "#include \"framework/TypeRegistry.h\"\n\n";
+  out.source += "#include \"framework/core/TypeRegistry.h\"\n\n";
   for (auto const& en : s.enums) out.source += emitEnum(en).source;
 
   std::string inlineDefs, registrations;

@@ -14,7 +14,7 @@
 //                                   "hooks" has the constructor end with veskConstructed()
 //                                   and the destructor begin with veskDestroyed(), both
 //                                   hand-written; "counted" adds each change of its state to
-//                                   the count of framework/CountedRecords.h
+//                                   the count of framework/records/CountedRecords.h
 //     key <attr> : <Type>           the key; the entity's name is its text form
 //     param <attr> : <Type>         immutable constructor parameter
 //     attr <attr> : <Type> [notify] [nonnull]

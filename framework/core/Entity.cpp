@@ -1,5 +1,8 @@
 #include "framework/core/Entity.h"
 
+#include "framework/core/Exception.h"
+#include "framework/core/ReadOnly.h"
+
 #include <string>
 #include <vector>
 
@@ -89,6 +92,14 @@ Ptr<Entity> Entity::entity(String const& path) const {
 TypeDescription const& Entity::veskTypeDescription() const {
   static TypeDescription const type{"Vesk::Entity", commonAttributes()};
   return type;
+}
+
+}  // namespace Vesk
+
+namespace Vesk {
+
+void throwReadOnly(Entity const& entity, char const* attr) {
+  throw ReadOnlyException(readOnlyText(attr, entity.fullName()));
 }
 
 }  // namespace Vesk

@@ -28,6 +28,10 @@ class Entity : public PtrInterface {
   bool nameIsFromBackup() const { return nameIsFromBackup_; }
   void nameIsFromBackupIs(bool b) { nameIsFromBackup_ = b; }
 
+  // A read-only copy refuses local writes (ReadOnly.h); only its attribute log writes it.
+  bool veskReadOnly() const { return readOnly_; }
+  void veskReadOnlyIs(bool b) { readOnly_ = b; }
+
   String fullName() const;
   // Whether fullName() would equal `path`, without building it.
   bool hasFullName(std::string_view path) const;
@@ -53,6 +57,7 @@ class Entity : public PtrInterface {
   Entity* parent_ = nullptr;
   uint32_t parentAttrId_ = 0;
   bool nameIsFromBackup_ = false;
+  bool readOnly_ = false;
 };
 
 // The value stored by owned entity collections: holds the member and clears its parent

@@ -19,6 +19,15 @@ String nullParameterText(char const* attr, char const* qualifiedType) {
          " not allowed\"";
 }
 
+String readOnlyText(char const* attr, String const& fullName) {
+  return String("Attempt to modify read-only attribute ") + attr + " of " + fullName;
+}
+
+String readOnlyProxyText(char const* attr, String const& fullName) {
+  return String("Remote write to attribute ") + attr + " of read-only proxy " + fullName +
+         " not allowed";
+}
+
 void throwEntityReinstantiation(String const& fullName, char const* attr, String const& newValue,
                                 String const& oldValue) {
   throw ReinstantiationException(entityReinstantiationText(fullName, attr, newValue, oldValue));

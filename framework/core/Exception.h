@@ -30,6 +30,15 @@ class RangeException : public Exception {
 class NameInUseException : public Exception {
   using Exception::Exception;
 };
+// A local write to an attribute of a read-only copy.
+class ReadOnlyException : public Exception {
+  using Exception::Exception;
+};
+// A received write to an attribute that no remote end may set (a key or a constructor
+// parameter).
+class ReadOnlyProxyException : public Exception {
+  using Exception::Exception;
+};
 
 // "Reinstantiating the entity with fullName <fullName> where constructor parameter
 // attribute '<attr>' has a different value of <new> than the current value of <old>"
@@ -41,6 +50,11 @@ String ptrInterfaceReinstantiationText(char const* param);
 // "null _<attr> parameter to mutator for <type>::<attr> not allowed"" -- the trailing
 // double quote belongs to the text.
 String nullParameterText(char const* attr, char const* qualifiedType);
+
+// "Attempt to modify read-only attribute <attr> of <fullName>"
+String readOnlyText(char const* attr, String const& fullName);
+// "Remote write to attribute <attr> of read-only proxy <fullName> not allowed"
+String readOnlyProxyText(char const* attr, String const& fullName);
 
 [[noreturn]] void throwEntityReinstantiation(String const& fullName, char const* attr,
                                              String const& newValue, String const& oldValue);

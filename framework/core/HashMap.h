@@ -170,6 +170,18 @@ class HashMap {
   }
   bool contains(K const& k) const { return findNode(k) != nullptr; }
   iterator iteratorAt(K const& k) const { return iterator(t_, findNode(k)); }
+  // The first member at or after k in iteration order (k's own when present), or end():
+  // where a walk that stopped before k, and lost k meanwhile, picks up again.
+  iterator lowerBound(K const& k) const {
+    if (!t_) return end();
+    uint64_t const rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
+    size_t const bucket = t_->bucketOf(rev);
+    for (Node* n = t_->buckets[bucket]; n; n = n->next) {
+      if (n->deleted) continue;
+      if (n->rev > rev || (n->rev == rev && !(n->kv.first < k))) return iterator(t_, n);
+    }
+    return iterator(t_, firstLive(t_, bucket + 1));
+  }
 
   // find() for keys sought in iteration order. The cursor stands on (and pins, like an
   // iterator) the last member it has stepped over, whose successors the next seek reads;

@@ -1,77 +1,13 @@
 #include "Emit.h"
 
-#include <map>
+#include "EmitAttrLog.h"
+#include "Template.h"
+
 #include <stdexcept>
 
 namespace vgen {
 
 namespace {
-
-using Vars = std::map<std::string, std::string>;
-
-// Replaces every {{NAME}} of a template by its value.
-std::string fill(std::string const& tmpl, Vars const& vars) {
-  std::string out;
-  size_t i = 0;
-  while (i < tmpl.size()) {
-    size_t open = tmpl.find("{{", i);
-    if (open == std::string::npos) {
-      out += tmpl.substr(i);
-      break;
-    }
-    size_t close = tmpl.find("}}", open);
-    std::string key = tmpl.substr(open + 2, close - open - 2);
-    auto it = vars.find(key);
-    if (it == vars.end()) throw std::logic_error("template variable " + key + " unset");
-    out += tmpl.substr(i, open - i) + it->second;
-    i = close + 2;
-  }
-  return out;
-}
-
-std::string upperFirst(std::string s) {
-  if (!s.empty()) s[0] = char(toupper(static_cast<unsigned char>(s[0])));
-  return s;
-}
-std::string lowerFirst(std::string s) {
-  if (!s.empty()) s[0] = char(tolower(static_cast<unsigned char>(s[0])));
-  return s;
-}
-
-struct TypeInfo {
-  std::string cpp;       // the C++ type
-  std::string ret;       // how an accessor returns it
-  bool pointer = false;  // a Vesk::Ptr
-  bool parseable = false;
-  std::string pointee;  // for pointers: the entity type with its constness
-};
-
-TypeInfo typeInfo(Schema const& s, std::string const& t) {
-  static std::map<std::string, std::string> const primitives{
-      {"String", "Vesk::String"}, {"Name", "Vesk::Name"}, {"bool", "bool"},
-      {"u32", "uint32_t"},        {"u64", "uint64_t"},    {"Seconds", "Vesk::Seconds"}};
-  TypeInfo i;
-  if (auto p = primitives.find(t); p != primitives.end()) {
-    i.cpp = p->second;
-    i.parseable = true;
-    bool cheap = t != "String" && t != "Name";
-    i.ret = cheap ? i.cpp : i.cpp + " const&";
-  } else if (t.rfind("@const ", 0) == 0) {
-    i.pointee = t.substr(7) + " const";
-  } else if (t[0] == '@') {
-    i.pointee = t.substr(1);
-  } else {
-    i.cpp = t;
-    i.parseable = s.isEnum(t);
-    i.ret = s.isEnum(t) ? t : t + " const&";
-  }
-  if (!i.pointee.empty()) {
-    i.pointer = true;
-    i.cpp = "Vesk::Ptr<" + i.pointee + ">";
-    i.ret = i.cpp + " const&";
-  }
-  return i;
-}
 
 struct Sections {
   std::string decl, privateDecl, members, inlineDefs, cppDefs, handlers, immediate, reflection;
@@ -96,6 +32,8 @@ Vars baseVars(Schema const& s, Entity const& e, Attr const& a, int id) {
   v["V"] = ti.cpp;
   v["VRET"] = ti.ret;
   if (!a.keyType.empty()) v["K"] = typeInfo(s, a.keyType).cpp;
+  // A module that replicates has read-only copies, which refuse local writes.
+  v["WRITABLE"] = s.attrlog ? fill("  Vesk::checkWritable(*this, \"{{a}}\");\n", v) : "";
   return v;
 }
 
@@ -166,7 +104,7 @@ void emitScalar(Context const& c, Sections& out) {
     out.newArgs += ", " + c.attr.name;
   }
   out.inlineDefs += fill(R"(inline void {{T}}::{{a}}Is({{V}} const& v) {
-{{NULLCHECK}}  if ({{a}}_ == v) return;
+{{WRITABLE}}{{NULLCHECK}}  if ({{a}}_ == v) return;
   {{a}}_ = v;
 {{NOTIFY}}}
 
@@ -237,7 +175,7 @@ void emitCollectionCommon(Context const& c, Sections& out, std::string const& st
       v);
   out.members += fill("  Vesk::HashMap<{{K}}, {{S}}> {{a}}_;\n", v);
   out.cppDefs += fill(R"(void {{QT}}::{{a}}Del({{K}} const& k) {
-  {{K}} const key = k;  // k may be the member's own key, which the erase destroys
+{{WRITABLE}}  {{K}} const key = k;  // k may be the member's own key, which the erase destroys
   if ({{a}}_.erase(key)) {{a}}Notify(key);
 }
 
@@ -276,7 +214,7 @@ void emitCollection(Context const& c, Sections& out) {
       "  void {{a}}Is({{K}} const& k, {{V}} const& v);\n",
       v);
   out.cppDefs += fill(R"(void {{QT}}::{{a}}Is({{K}} const& k, {{V}} const& v) {
-  auto [member, isNew] = {{a}}_.emplace(k, v);
+{{WRITABLE}}  auto [member, isNew] = {{a}}_.emplace(k, v);
   if (!isNew) {
     if (*member == v) return;
     *member = v;
@@ -342,7 +280,7 @@ void emitOwned(Context const& c, Sections& out) {
       "  Vesk::Ptr<{{M}}> {{a}}New({{K}} const& k{{PARAMS}});\n",
       v);
   out.cppDefs += fill(R"(Vesk::Ptr<{{M}}> {{QT}}::{{a}}Is({{K}} const& k{{PARAMS}}) {
-  if (Vesk::Owned<{{M}}> const* held = {{a}}_.find(k)) {
+{{WRITABLE}}  if (Vesk::Owned<{{M}}> const* held = {{a}}_.find(k)) {
     [[maybe_unused]] {{M}} const& existing = *held->ptr();
     [[maybe_unused]] auto reinstantiationFailed = {{FAIL}};
 {{CHECKS}}    return held->ptr();
@@ -425,7 +363,11 @@ EntityText emitEntity(Schema const& s, Entity const& e) {
     ++id;
   }
   Vars v{{"T", e.name}, {"QT", e.qualified()}, {"t", lowerFirst(e.name)}};
-  v["DECL"] = all.decl;
+  v["DECL"] =
+      all.decl + (s.attrlog
+                      ? "  // Replicates the type over the attribute log from now on, or stops.\n"
+                        "  static void veskNboAttrLogSaIs(bool enabled);\n"
+                      : "");
   v["MEMBERS"] = all.members;
   v["PRIVATE"] = all.privateDecl;
   v["HANDLERS"] = all.handlers;
@@ -480,6 +422,7 @@ class {{T}} : public Vesk::Entity {
                     v);
   out.inlineDefs = all.inlineDefs;
   v["REFLECTION"] = all.reflection;
+  v["ATTRLOG"] = s.attrlog ? emitAttrLog(s, e) : "";
   v["CPPDEFS"] = all.cppDefs;
   v["FACTORYDEF"] = e.factory ? fill(R"(Vesk::Ptr<{{T}}> {{t}}Factory(Vesk::Name const& name) {
   return Vesk::Ptr<{{T}}>(new {{T}}(name));
@@ -495,14 +438,12 @@ class {{T}} : public Vesk::Entity {
 namespace {
 Vesk::AttributeDescription const {{t}}Attributes[] = {
 {{REFLECTION}}};
+Vesk::TypeDescription const {{t}}Type{ {{T}}::typeName, {{t}}Attributes};
 }  // namespace
 
-Vesk::TypeDescription const& {{T}}::veskTypeDescription() const {
-  static Vesk::TypeDescription const type{typeName, {{t}}Attributes};
-  return type;
-}
+Vesk::TypeDescription const& {{T}}::veskTypeDescription() const { return {{t}}Type; }
 
-{{CPPDEFS}}{{FACTORYDEF}}}  // namespace {{NS}}
+{{CPPDEFS}}{{FACTORYDEF}}{{ATTRLOG}}}  // namespace {{NS}}
 
 )",
                     v);
@@ -597,6 +538,7 @@ Output emit(Schema const& s, std::string const& schemaName) {
                           "framework/core/Notifiee.h", "framework/core/ValueText.h"}) {
     out.header += std::string("#include \"") + inc + "\"\n";
   }
+  if (s.attrlog) out.header += "#include \"framework/core/ReadOnly.h\"\n";
   for (auto const& inc : s.includes) out.header += "#include \"" + inc + "\"\n";
   out.header += "\n";
   // Forward declarations, so that types may refer to types declared later.
@@ -608,7 +550,13 @@ Output emit(Schema const& s, std::string const& schemaName) {
 
   out.source =
       banner + "#include \"" + s.module + ".h\"\n\n#include <ostream>\n#include <vector>\n\n";
-  out.source += "#include \"framework/core/TypeRegistry.h\"\n\n";
+  out.source += "#include \"framework/core/TypeRegistry.h\"\n";
+  if (s.attrlog) {
+    out.source +=
+        "#include <array>\n#include <memory>\n\n#include \"framework/attrlog/Adapter.h\"\n"
+        "#include \"framework/attrlog/In.h\"\n#include \"framework/attrlog/TypeSupport.h\"\n";
+  }
+  out.source += "\n";
   for (auto const& en : s.enums) out.source += emitEnum(en).source;
 
   std::string inlineDefs, registrations;
@@ -632,6 +580,17 @@ Output emit(Schema const& s, std::string const& schemaName) {
       "// Registers the types of this module that can be created by name.\nvoid register" +
       s.module + "Types();\n";
   out.source += "void register" + s.module + "Types() {\n" + registrations + "}\n";
+  if (s.attrlog) {
+    std::string enables;
+    for (auto const& e : s.entities)
+      enables += "  " + e.qualified() + "::veskNboAttrLogSaIs(enabled);\n";
+    out.header +=
+        "// Replicates every type of this module over the attribute log from now on, or "
+        "stops.\nvoid " +
+        lowerFirst(s.module) + "AttrLogIs(bool enabled);\n";
+    out.source +=
+        "\nvoid " + lowerFirst(s.module) + "AttrLogIs(bool enabled) {\n" + enables + "}\n";
+  }
   return out;
 }
 

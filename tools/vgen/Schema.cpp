@@ -205,6 +205,8 @@ Schema parseSchema(std::string const& path) {
       }
     } else if (w == "module" && t.size() == 2) {
       s.module = checkedName(r, t[1]);
+    } else if (w == "attrlog" && t.size() == 1) {
+      s.attrlog = true;
     } else if (w == "namespace" && t.size() == 2) {
       ns = checkedName(r, t[1], /*qualified=*/true);
     } else if (w == "include" && t.size() == 2) {

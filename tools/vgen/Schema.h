@@ -5,6 +5,8 @@
 //   module <Name>                   base name of the generated files
 //   namespace <a::b>                namespace of the enums and entities that follow
 //   include "<path>"                an include of the generated header
+//   attrlog                         every entity of the module replicates over the
+//                                   attribute log, and a read-only copy refuses local writes
 //   enum <Name>                     an enumeration stored as an unsigned 32-bit value,
 //     <enumerator> = <number>       one line per value, up to "end"
 //   end
@@ -83,6 +85,7 @@ struct Schema {
   std::string module;
   std::string path;
   std::vector<std::string> includes;
+  bool attrlog = false;
   std::vector<Enum> enums;
   std::vector<Entity> entities;
 

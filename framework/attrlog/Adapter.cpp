@@ -1,0 +1,72 @@
+#include "framework/attrlog/Adapter.h"
+
+namespace Vesk::NboAttrLog {
+
+namespace {
+constexpr int32_t nameAttrId = 253;  // the common attribute that carries type and name
+}  // namespace
+
+Adapter::Adapter(Out& out, Entity const& entity, uint32_t id, std::span<int32_t const> slotAttrIds)
+    : out_(out), entity_(entity), id_(id), slots_(slotAttrIds) {}
+
+void Adapter::attrIdIs(int32_t attrId) {
+  next_ = slots_.size();
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    if (slots_[i] == attrId) next_ = i;
+  }
+  if (hasWork()) waiting();
+}
+
+void Adapter::veskIsDirtyIs(size_t slot, bool dirty) {
+  uint64_t const bit = uint64_t(1) << slot;
+  dirty_ = dirty ? dirty_ | bit : dirty_ & ~bit;
+  if (dirty) waiting();
+}
+
+bool Adapter::flowOut() {
+  if (baseOwed_) {
+    bool const sent = sendMessage(0, nameAttrId, [&](Writer& w) {
+      w.putText(entity_.veskTypeName());
+      Codec<Name>::put(w, entity_.name());
+      return true;
+    });
+    if (!sent) return false;
+    baseOwed_ = false;
+  }
+  for (; next_ < slots_.size(); ++next_) {
+    if (!sendSlot(next_)) return false;
+  }
+  for (size_t slot = 0; slot < slots_.size(); ++slot) {
+    bool const owed = ((dirty_ | dirtyKeys_) >> slot) & 1;
+    if (owed && !sendDirtySlot(slot)) return false;
+  }
+  return true;
+}
+
+bool Adapter::marker(Kind kind, size_t slot) {
+  if (!out_.continueFlowOut()) return false;
+  Writer w = out_.writer();
+  w.open(kind, id_, slots_[slot]);
+  w.close();
+  return true;
+}
+
+bool Adapter::changeToSend(size_t slot, bool collection) const {
+  if (out_.handlingFlowInFor(&entity_, slots_[slot])) return false;
+  return next_ > slot || (collection && next_ == slot);
+}
+
+bool Adapter::sendReference(size_t slot, Entity const* target) {
+  bool const replicated = target && out_.inTree(target);
+  uint32_t const id = replicated ? out_.idOf(target) : 0;
+  if (replicated && id == 0) {
+    veskIsDirtyIs(slot, true);
+    return true;
+  }
+  return sendValue(slot, [&](Writer& w) {
+    w.putEntity(id);
+    return true;
+  });
+}
+
+}  // namespace Vesk::NboAttrLog

@@ -1,0 +1,278 @@
+#include "framework/attrlog/In.h"
+
+#include "framework/attrlog/Out.h"
+#include "framework/attrlog/TypeSupport.h"
+#include "framework/core/ReadOnly.h"
+
+namespace Vesk::NboAttrLog {
+
+namespace {
+
+constexpr int32_t nameAttrId = 253;
+
+// The size of the value at p (tag included); throws through `fail` when it runs past end.
+template <class Fail>
+size_t valueSize(char const* p, char const* end, Fail&& fail) {
+  size_t const left = size_t(end - p);
+  auto fixed = [&](size_t n) {
+    if (left < 1 + n) fail("truncated value");
+    return 1 + n;
+  };
+  switch (uint8_t(*p)) {
+    case tagBool:
+      return fixed(1);
+    case tagU32:
+    case tagEntity:
+      return fixed(4);
+    case tagU64:
+    case tagDouble:
+      return fixed(8);
+    case tagText: {
+      if (left < 5) fail("truncated text length");
+      size_t const n = readU32(p + 1);
+      if (n > maxTextPieceBytes) fail("text of " + std::to_string(n) + " bytes exceeds the limit");
+      if (left < 5 + n) fail("truncated text");
+      return 5 + n;
+    }
+    default:
+      fail("unknown value tag " + std::to_string(uint8_t(*p)));
+  }
+  return 0;
+}
+
+// A text key as the reconciliation encodes it: one unsplit text value.
+std::string wholeTextKey(std::string_view text) {
+  std::string out;
+  Writer(out).putText(text);
+  return out;
+}
+
+// While a received message is applied, the copy's read-only members accept its writes and
+// the reply stream does not send them back.
+class ApplyingScope {
+ public:
+  ApplyingScope(Out* reply, Entity const* entity, int32_t attr) : reply_(reply) {
+    ++remoteWriteDepth;
+    if (reply_) reply_->handlingFlowInIs(entity, attr);
+  }
+  ~ApplyingScope() {
+    --remoteWriteDepth;
+    if (reply_) reply_->handlingFlowInIs(nullptr, 0);
+  }
+
+ private:
+  Out* reply_;
+};
+
+}  // namespace
+
+In::In(Ptr<Entity> const& root, bool readOnly) : root_(root), readOnly_(readOnly) {
+  if (!root_) throwNullParameter("root", "Vesk::NboAttrLog::In");
+}
+
+In::~In() {
+  for (auto& [id, bound] : bound_) {
+    if (bound.entity) bound.entity->veskReadOnlyIs(false);
+  }
+}
+
+Ptr<Entity> In::entity(uint32_t id) const {
+  auto found = bound_.find(id);
+  return found == bound_.end() ? nullptr : found->second.entity;
+}
+
+size_t In::apply(std::span<char const> bytes) {
+  size_t used = 0;
+  while (bytes.size() - used >= 4) {
+    char const* p = bytes.data() + used;
+    uint32_t const length = readU32(p);
+    std::string const where = "attribute log at byte " + std::to_string(position_);
+    if (length > maxMessageBytes) {
+      throw DecodeError(String(where + ": message length " + std::to_string(length) +
+                               " exceeds the limit of " + std::to_string(maxMessageBytes)));
+    }
+    if (length < headerBytes - 4) {
+      throw DecodeError(String(where + ": message length " + std::to_string(length) +
+                               " is shorter than a message header"));
+    }
+    if (bytes.size() - used - 4 < length) break;  // the rest of it has not arrived
+    uint8_t const kind = uint8_t(p[4]);
+    uint32_t const entity = readU32(p + 5);
+    int32_t const attr = int32_t(readU32(p + 9));
+    if (kind < uint8_t(Kind::change) || kind > uint8_t(Kind::textPiece)) {
+      throw DecodeError(String(where + ": unknown message kind " + std::to_string(kind)));
+    }
+    applyOne(Kind(kind), entity, attr, p + headerBytes, p + 4 + length);
+    used += 4 + length;
+    position_ += 4 + length;
+  }
+  return used;
+}
+
+void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, char const* end) {
+  std::string const where = "attribute log at byte " + std::to_string(position_) + ", entity " +
+                            std::to_string(entity) + ", attribute " + std::to_string(attr);
+  auto fail = [&](std::string const& what) { throw DecodeError(String(where + ": " + what)); };
+  if (kind == Kind::textPiece) return applyPiece(entity, attr, body, end, where);
+  if (!pieceText_.empty() &&
+      (entity != pieceEntity_ || attr != pieceAttr_ || size_t(end - body) < piecePrefix_.size() ||
+       std::string_view(body, piecePrefix_.size()) != piecePrefix_)) {
+    fail("text pieces not followed by the rest of their message");
+  }
+  if (entity == 1 && attr == nameAttrId && kind == Kind::change) {
+    Reader r(body, end, where);
+    std::string_view const type = r.getText();
+    r.getText();
+    r.expectEnd();
+    if (type != root_->veskTypeName()) {
+      fail("stream of " + std::string(type) + " into a copy of " + root_->veskTypeName());
+    }
+    // A full send starts (again): every member is announced anew.
+    open_.clear();
+    unbind(1);
+    bind(1, root_, 0);
+    return;
+  }
+  auto found = bound_.find(entity);
+  if (found == bound_.end()) fail("no such entity");
+  Ptr<Entity> const target = found->second.entity;
+  TypeSupport const* support = typeSupport(*target);
+  if (!support) fail(std::string("type ") + target->veskTypeName() + " is not replicated");
+  if (kind == Kind::begin) {
+    if (body != end) fail("a begin marker carries no value");
+    InMessage marker(*this, kind, entity, attr, body, end, where, std::string_view());
+    support->apply(marker, *target);
+    open_[collectionKey(entity, attr)].seenKeys.clear();
+    return;
+  }
+  std::string const pieces = std::move(pieceText_);
+  pieceText_.clear();
+  size_t const prefixBytes = piecePrefix_.size();
+  piecePrefix_.clear();
+  InMessage message(*this, kind, entity, attr, body, end, where, pieces);
+  if (kind == Kind::change && attr > 0 && body != end) {
+    auto open = open_.find(collectionKey(entity, attr));
+    if (open != open_.end()) {
+      size_t const keyBytes = valueSize(body, end, fail);
+      bool const joined = !pieces.empty() && prefixBytes == 0 && uint8_t(*body) == tagText;
+      open->second.seenKeys.insert(joined
+                                       ? wholeTextKey(pieces + std::string(body + 5, keyBytes - 5))
+                                       : std::string(body, keyBytes));
+    }
+  }
+  ApplyingScope applying(replyOut_, target.ptr(), attr);
+  try {
+    support->apply(message, *target);
+  } catch (DecodeError const&) {
+    throw;
+  } catch (ReadOnlyProxyException const&) {
+    throw;
+  } catch (Exception const& e) {  // a reinstantiation, say: the message is refused
+    fail(e.what());
+  }
+}
+
+void In::applyPiece(uint32_t entity, int32_t attr, char const* body, char const* end,
+                    std::string const& where) {
+  auto fail = [&](std::string const& what) { throw DecodeError(String(where + ": " + what)); };
+  if (bound_.find(entity) == bound_.end()) fail("no such entity");
+  // The values before the piece, then the piece itself, a text, last.
+  char const* p = body;
+  char const* last = nullptr;
+  while (p != end) {
+    last = p;
+    p += valueSize(p, end, fail);
+  }
+  if (!last || uint8_t(*last) != tagText) fail("a text piece must end with a text");
+  std::string_view const prefix(body, size_t(last - body));
+  if (!pieceText_.empty() &&
+      (entity != pieceEntity_ || attr != pieceAttr_ || prefix != piecePrefix_)) {
+    fail("text pieces of two messages interleaved");
+  }
+  size_t const n = readU32(last + 1);
+  if (pieceText_.size() + n > maxTextBytes) {
+    fail("text longer than " + std::to_string(maxTextBytes) + " bytes");
+  }
+  pieceEntity_ = entity;
+  pieceAttr_ = attr;
+  piecePrefix_ = prefix;
+  pieceText_.append(last + 5, n);
+}
+
+void In::bind(uint32_t id, Ptr<Entity> const& entity, uint32_t parentId) {
+  unbindEntity(entity.ptr());  // announced again under a new id: the old one is stale
+  unbind(id);
+  bound_[id] = Bound{entity, {}};
+  idOf_[entity.ptr()] = id;
+  if (parentId) bound_[parentId].children.push_back(id);
+  if (readOnly_) entity->veskReadOnlyIs(true);
+}
+
+void In::unbind(uint32_t id) {
+  auto found = bound_.find(id);
+  if (found == bound_.end()) return;
+  Bound bound = std::move(found->second);
+  bound_.erase(found);
+  idOf_.erase(bound.entity.ptr());
+  for (uint32_t child : bound.children) unbind(child);
+}
+
+void In::unbindEntity(Entity const* entity) {
+  auto found = idOf_.find(entity);
+  if (found != idOf_.end()) unbind(found->second);
+}
+
+// ---- InMessage ----------------------------------------------------------------------------
+
+InMessage::InMessage(In& in, Kind kind, uint32_t entity, int32_t attr, char const* body,
+                     char const* end, std::string where, std::string_view pieceText)
+    : in_(in),
+      kind_(kind),
+      entity_(entity),
+      attr_(attr),
+      reader_(body, end, std::move(where)),
+      body_(body),
+      pieceText_(pieceText) {}
+
+std::string_view InMessage::text() {
+  std::string_view const piece = reader_.getText();
+  if (pieceText_.empty()) return piece;
+  joined_.assign(pieceText_);
+  joined_.append(piece);
+  pieceText_ = {};
+  return joined_;
+}
+
+uint32_t InMessage::memberId() {
+  memberId_ = reader_.getEntity();
+  if (memberId_ <= 1) fail("a member's entity id must be above 1");
+  return memberId_;
+}
+
+void InMessage::done() { reader_.expectEnd(); }
+
+void InMessage::bindMember(uint32_t id, Ptr<Entity> const& member) {
+  if (member) in_.bind(id, member, entity_);
+}
+
+Entity* InMessage::referenceTarget(char const* typeName) {
+  uint32_t const id = reader_.getEntity();
+  if (id == 0) return nullptr;
+  Ptr<Entity> target = in_.entity(id);
+  if (!target) fail("reference to entity " + std::to_string(id) + ", which does not exist");
+  if (std::string_view(target->veskTypeName()) != typeName) {
+    fail("reference to a " + std::string(target->veskTypeName()) + " where a " + typeName +
+         " is expected");
+  }
+  return target.ptr();
+}
+
+void InMessage::unknownAttribute(char const* typeName) {
+  fail(std::string("unknown attribute for ") + typeName + (kind_ == Kind::change ? "" : " marker"));
+}
+
+void InMessage::notRemotelyWritable(char const* attrName, Entity const& entity) {
+  throw ReadOnlyProxyException(readOnlyProxyText(attrName, entity.fullName()));
+}
+
+}  // namespace Vesk::NboAttrLog

@@ -1,6 +1,6 @@
 #include "framework/attrlog/Out.h"
 
-#include "framework/attrlog/Adapter.h"
+#include "framework/attrlog/FlowOut.h"
 #include "framework/attrlog/TypeSupport.h"
 #include "framework/core/Exception.h"
 
@@ -40,21 +40,21 @@ void Out::rootIs(Ptr<Entity const> const& root) {
   TypeSupport const* support = typeSupport(*root);
   if (!support) throwRangeException("attribute log root of a type that is not replicated");
   uint32_t const id = nextId_++;
-  std::unique_ptr<Adapter> adapter = support->makeAdapter(*this, *root, id);
+  std::unique_ptr<FlowOut> adapter = support->makeFlowOut(*this, *root, id);
   adapter->baseOwedIs(true);
   byId_[id] = adapter.get();
-  Adapter& made = *adapter;
+  FlowOut& made = *adapter;
   adapters_[root.ptr()] = std::move(adapter);
   waitingIs(made);
 }
 
-uint32_t Out::announce(Entity const& member, Adapter& parent) {
-  if (Adapter* held = adapterOf(&member)) return held->id();
+uint32_t Out::announce(Entity const& member, FlowOut& parent) {
+  if (FlowOut* held = flowOf(&member)) return held->id();
   TypeSupport const* support = typeSupport(member);
   if (!support) return 0;
   uint32_t const id = nextId_++;
-  std::unique_ptr<Adapter> adapter = support->makeAdapter(*this, member, id);
-  Adapter& made = *adapter;
+  std::unique_ptr<FlowOut> adapter = support->makeFlowOut(*this, member, id);
+  FlowOut& made = *adapter;
   byId_[id] = adapter.get();
   adapters_[&member] = std::move(adapter);
   parent.announced().push_back(id);
@@ -63,7 +63,7 @@ uint32_t Out::announce(Entity const& member, Adapter& parent) {
 }
 
 uint32_t Out::idOf(Entity const* entity) const {
-  Adapter const* adapter = adapterOf(entity);
+  FlowOut const* adapter = flowOf(entity);
   return adapter ? adapter->id() : 0;
 }
 
@@ -77,13 +77,13 @@ bool Out::inTree(Entity const* entity) const {
 void Out::withdraw(uint32_t id) {
   auto found = byId_.find(id);
   if (found == byId_.end()) return;
-  Adapter* adapter = found->second;
+  FlowOut* adapter = found->second;
   for (uint32_t child : adapter->announced()) withdraw(child);
   byId_.erase(found);
   adapters_.erase(&adapter->entity());
 }
 
-void Out::waitingIs(Adapter& adapter) {
+void Out::waitingIs(FlowOut& adapter) {
   if (adapter.queued()) return;
   adapter.queuedIs(true);
   waiting_.push_back(adapter.id());
@@ -98,7 +98,7 @@ void Out::flowOut() {
     waiting_.pop_front();
     auto found = byId_.find(id);
     if (found == byId_.end()) continue;
-    Adapter& adapter = *found->second;
+    FlowOut& adapter = *found->second;
     adapter.queuedIs(false);
     if (!adapter.hasWork()) continue;
     if (!adapter.flowOut() || adapter.hasWork()) waitingIs(adapter);
@@ -109,7 +109,7 @@ bool Out::handlingFlowInFor(Entity const* entity, int32_t attrId) const {
   return flowInEntity_ == entity && (flowInAttr_ == attrId || flowInAttr_ == -attrId);
 }
 
-Adapter* Out::adapterOf(Entity const* entity) const {
+FlowOut* Out::flowOf(Entity const* entity) const {
   auto found = adapters_.find(entity);
   return found == adapters_.end() ? nullptr : found->second.get();
 }

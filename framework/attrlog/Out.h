@@ -33,7 +33,7 @@
 
 namespace Vesk::NboAttrLog {
 
-class Adapter;
+class FlowOut;
 
 class Out : public PtrInterface {
  public:
@@ -73,7 +73,7 @@ class Out : public PtrInterface {
   void withdrawLastMessage(size_t start) { buf_.resize(start); }
   // The id under which `entity` is replicated on this stream, making its adapter (and
   // queueing its full send) when it has none yet; 0 when its type is not enabled.
-  uint32_t announce(Entity const& member, Adapter& parent);
+  uint32_t announce(Entity const& member, FlowOut& parent);
   // The id of an entity that has an adapter, or 0.
   uint32_t idOf(Entity const* entity) const;
   // Whether `entity` lies in the replicated tree (its parents lead to the root).
@@ -82,7 +82,7 @@ class Out : public PtrInterface {
   // everything below it.
   void withdraw(uint32_t id);
   // The adapter has work for flowOut().
-  void waitingIs(Adapter& adapter);
+  void waitingIs(FlowOut& adapter);
   // While a received change is being applied for this stream's reader (see In::replyOutIs),
   // adapters do not send it back.
   bool handlingFlowInFor(Entity const* entity, int32_t attrId) const;
@@ -94,7 +94,7 @@ class Out : public PtrInterface {
   size_t adapters() const { return adapters_.size(); }
 
  private:
-  Adapter* adapterOf(Entity const* entity) const;
+  FlowOut* flowOf(Entity const* entity) const;
   void clear();
 
   size_t const capacity_;
@@ -103,9 +103,9 @@ class Out : public PtrInterface {
   size_t head_ = 0;
   Ptr<Entity const> root_;
   uint32_t nextId_ = 1;
-  std::unordered_map<Entity const*, std::unique_ptr<Adapter>> adapters_;
+  std::unordered_map<Entity const*, std::unique_ptr<FlowOut>> adapters_;
   std::deque<uint32_t> waiting_;  // adapter ids, in the order their work arose
-  std::unordered_map<uint32_t, Adapter*> byId_;
+  std::unordered_map<uint32_t, FlowOut*> byId_;
   Entity const* flowInEntity_ = nullptr;
   int32_t flowInAttr_ = 0;
 };

@@ -13,13 +13,13 @@
 
 namespace Vesk::NboAttrLog {
 
-class Adapter;
+class FlowOut;
 class InMessage;
 class Out;
 
 struct TypeSupport {
   TypeDescription const& type;
-  std::unique_ptr<Adapter> (*makeAdapter)(Out& out, Entity const& entity, uint32_t id);
+  std::unique_ptr<FlowOut> (*makeFlowOut)(Out& out, Entity const& entity, uint32_t id);
   // Applies one received message (a change, or a collection's end marker) to `entity`.
   void (*apply)(InMessage& message, Entity& entity);
 };

@@ -200,6 +200,26 @@ TEST_F(Replication, ACopyIsReadOnlyForLocalWriters) {
   EXPECT_EQ(treeText(*copy), before);
 }
 
+TEST_F(Replication, AReceivedChangeIsNotEchoedToItsWriterButIsRelayedToOthers) {
+  auto original = serviceMountStatusFactory(Name("agent"));
+  auto copy = serviceMountStatusFactory(Name("agent"));
+  AttrLogLink link(original, copy);
+  Vesk::Ptr<Out> back = new Out();   // the same connection, towards the writer
+  Vesk::Ptr<Out> relay = new Out();  // another reader of the copy
+  link.in.replyOutIs(back.ptr());
+  link.settle();
+  for (auto const& out : {back, relay}) {
+    out->rootIs(copy);
+    out->flowOut();
+    out->consumed(out->size());
+  }
+  original->serviceNameIs("renamed");
+  original->initialMountsCompleteIs("g", true);
+  link.settle();
+  EXPECT_EQ(back->size(), 0u);
+  EXPECT_EQ(changeMessages(relay->bytes()), (std::vector<std::string>{"259", "262"}));
+}
+
 // ---- hostile streams ----------------------------------------------------------------------
 
 // One message, written by hand.

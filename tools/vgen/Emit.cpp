@@ -553,7 +553,7 @@ Output emit(Schema const& s, std::string const& schemaName) {
   out.source += "#include \"framework/core/TypeRegistry.h\"\n";
   if (s.attrlog) {
     out.source +=
-        "#include <array>\n#include <memory>\n\n#include \"framework/attrlog/Adapter.h\"\n"
+        "#include <array>\n#include <memory>\n\n#include \"framework/attrlog/FlowOut.h\"\n"
         "#include \"framework/attrlog/In.h\"\n#include \"framework/attrlog/TypeSupport.h\"\n";
   }
   out.source += "\n";

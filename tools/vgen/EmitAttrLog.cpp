@@ -218,7 +218,7 @@ std::string emitAttrLog(Schema const& s, Entity const& e) {
   return fill(R"(namespace {
 
 // Replicates one {{T}} on one attribute-log stream.
-class {{T}}AttrLog final : public Vesk::NboAttrLog::Adapter, public {{T}}::NotifieeConst {
+class {{T}}AttrLog final : public Vesk::NboAttrLog::FlowOut, public {{T}}::NotifieeConst {
   // How each attribute's value, or member, is written; defined first so that the members
   // below can use them.
 {{PUTS}}
@@ -226,7 +226,7 @@ class {{T}}AttrLog final : public Vesk::NboAttrLog::Adapter, public {{T}}::Notif
   static constexpr std::array<int32_t, {{N}}> slotIds{ {{SLOTIDS}} };
 
   {{T}}AttrLog(Vesk::NboAttrLog::Out& out, {{T}} const& e, uint32_t id)
-      : Adapter(out, e, id, slotIds), e_(e) {
+      : FlowOut(out, e, id, slotIds), e_(e) {
     notifierIs(&e);
   }
 
@@ -246,7 +246,7 @@ class {{T}}AttrLog final : public Vesk::NboAttrLog::Adapter, public {{T}}::Notif
   {{T}} const& e_;
 {{STATE}}};
 
-std::unique_ptr<Vesk::NboAttrLog::Adapter> make{{T}}AttrLog(Vesk::NboAttrLog::Out& out,
+std::unique_ptr<Vesk::NboAttrLog::FlowOut> make{{T}}AttrLog(Vesk::NboAttrLog::Out& out,
                                                          Vesk::Entity const& e, uint32_t id) {
   return std::make_unique<{{T}}AttrLog>(out, static_cast<{{T}} const&>(e), id);
 }

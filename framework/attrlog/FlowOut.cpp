@@ -1,4 +1,4 @@
-#include "framework/attrlog/Adapter.h"
+#include "framework/attrlog/FlowOut.h"
 
 namespace Vesk::NboAttrLog {
 
@@ -6,10 +6,10 @@ namespace {
 constexpr int32_t nameAttrId = 253;  // the common attribute that carries type and name
 }  // namespace
 
-Adapter::Adapter(Out& out, Entity const& entity, uint32_t id, std::span<int32_t const> slotAttrIds)
+FlowOut::FlowOut(Out& out, Entity const& entity, uint32_t id, std::span<int32_t const> slotAttrIds)
     : out_(out), entity_(entity), id_(id), slots_(slotAttrIds) {}
 
-void Adapter::attrIdIs(int32_t attrId) {
+void FlowOut::attrIdIs(int32_t attrId) {
   next_ = slots_.size();
   for (size_t i = 0; i < slots_.size(); ++i) {
     if (slots_[i] == attrId) next_ = i;
@@ -17,13 +17,13 @@ void Adapter::attrIdIs(int32_t attrId) {
   if (hasWork()) waiting();
 }
 
-void Adapter::veskIsDirtyIs(size_t slot, bool dirty) {
+void FlowOut::veskIsDirtyIs(size_t slot, bool dirty) {
   uint64_t const bit = uint64_t(1) << slot;
   dirty_ = dirty ? dirty_ | bit : dirty_ & ~bit;
   if (dirty) waiting();
 }
 
-bool Adapter::flowOut() {
+bool FlowOut::flowOut() {
   if (baseOwed_) {
     bool const sent = sendMessage(0, nameAttrId, [&](Writer& w) {
       w.putText(entity_.veskTypeName());
@@ -43,7 +43,7 @@ bool Adapter::flowOut() {
   return true;
 }
 
-bool Adapter::marker(Kind kind, size_t slot) {
+bool FlowOut::sendTransactionMarker(Kind kind, size_t slot) {
   if (!out_.continueFlowOut()) return false;
   Writer w = out_.writer();
   w.open(kind, id_, slots_[slot]);
@@ -51,12 +51,12 @@ bool Adapter::marker(Kind kind, size_t slot) {
   return true;
 }
 
-bool Adapter::changeToSend(size_t slot, bool collection) const {
+bool FlowOut::changeToSend(size_t slot, bool collection) const {
   if (out_.handlingFlowInFor(&entity_, slots_[slot])) return false;
   return next_ > slot || (collection && next_ == slot);
 }
 
-bool Adapter::sendReference(size_t slot, Entity const* target) {
+bool FlowOut::sendReference(size_t slot, Entity const* target) {
   bool const replicated = target && out_.inTree(target);
   uint32_t const id = replicated ? out_.idOf(target) : 0;
   if (replicated && id == 0) {

@@ -1,6 +1,9 @@
-// NboAttrLog::Adapter: replicates one entity on one stream (Out.h).
+// NboAttrLog::FlowOut: one entity's flow on one stream (Out.h). An entity replicated on
+// several streams has one per stream; the first of a stream's root also sends the common
+// attributes (its type and name), as the base adapter.
 //
-// The generated adapter of a type derives from it and from the type's notifiee. It names
+// The generated replication adapter of a type derives from it and from the type's
+// notifiee. It names
 // the type's replicated attributes as slots, in ascending attribute id (the key and the
 // constructor parameters travel with the entity's announcement instead), and implements
 // sendSlot() and sendDirtySlot() with the helpers below; everything about when to send is
@@ -46,12 +49,12 @@ struct OwnedSlot : CollectionSlot<K> {
   std::map<K, uint32_t> ids;
 };
 
-class Adapter {
+class FlowOut {
  public:
-  Adapter(Out& out, Entity const& entity, uint32_t id, std::span<int32_t const> slotAttrIds);
-  Adapter(Adapter const&) = delete;
-  Adapter& operator=(Adapter const&) = delete;
-  virtual ~Adapter() = default;
+  FlowOut(Out& out, Entity const& entity, uint32_t id, std::span<int32_t const> slotAttrIds);
+  FlowOut(FlowOut const&) = delete;
+  FlowOut& operator=(FlowOut const&) = delete;
+  virtual ~FlowOut() = default;
 
   uint32_t id() const { return id_; }
   Entity const& entity() const { return entity_; }
@@ -125,7 +128,7 @@ class Adapter {
   bool sendMembers(size_t slot, Map const& map, CollectionSlot<K>& state, F&& putMember) {
     std::optional<K>& bookmark = state.bookmark;
     if (!(endOwed_ >> slot & 1)) {
-      if (!bookmark && !marker(Kind::begin, slot)) return false;
+      if (!bookmark && !sendTransactionMarker(Kind::begin, slot)) return false;
       for (auto it = bookmark ? map.lowerBound(*bookmark) : map.begin(); it != map.end(); ++it) {
         if (!sendMember(slot, it->first, &it->second, putMember)) {
           bookmark = it->first;
@@ -135,7 +138,7 @@ class Adapter {
       bookmark.reset();
       endOwed_ |= uint64_t(1) << slot;
     }
-    if (!marker(Kind::end, slot)) return false;
+    if (!sendTransactionMarker(Kind::end, slot)) return false;
     endOwed_ &= ~(uint64_t(1) << slot);
     return true;
   }
@@ -209,7 +212,7 @@ class Adapter {
     out_.withdraw(held->second);
     state.ids.erase(held);
   }
-  bool marker(Kind kind, size_t slot);
+  bool sendTransactionMarker(Kind kind, size_t slot);
   // Whether a change to slot goes out now rather than with the flow-out: the flow has
   // passed the slot, or (a collection) stands in it.
   bool changeToSend(size_t slot, bool collection) const;

@@ -1,5 +1,7 @@
 #include "framework/attrlog/FlowOut.h"
 
+#include "framework/attrlog/TypeSupport.h"
+
 namespace Vesk::NboAttrLog {
 
 namespace {
@@ -57,7 +59,7 @@ bool FlowOut::changeToSend(size_t slot, bool collection) const {
 }
 
 bool FlowOut::sendReference(size_t slot, Entity const* target) {
-  bool const replicated = target && out_.inTree(target);
+  bool const replicated = target && out_.inTree(target) && typeSupport(*target);
   uint32_t const id = replicated ? out_.idOf(target) : 0;
   if (replicated && id == 0) {
     veskIsDirtyIs(slot, true);

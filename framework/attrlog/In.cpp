@@ -114,10 +114,8 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
                             std::to_string(entity) + ", attribute " + std::to_string(attr);
   auto fail = [&](std::string const& what) { throw DecodeError(String(where + ": " + what)); };
   if (kind == Kind::textPiece) return applyPiece(entity, attr, body, end, where);
-  if (!pieceText_.empty() &&
-      (entity != pieceEntity_ || attr != pieceAttr_ || size_t(end - body) < piecePrefix_.size() ||
-       std::string_view(body, piecePrefix_.size()) != piecePrefix_)) {
-    fail("text pieces not followed by the rest of their message");
+  if (!pieces_.empty() && (entity != pieceEntity_ || attr != pieceAttr_ || kind != Kind::change)) {
+    fail("text pieces not followed by their message");
   }
   if (entity == 1 && attr == nameAttrId && kind == Kind::change) {
     Reader r(body, end, where);
@@ -140,24 +138,25 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
   if (!support) fail(std::string("type ") + target->veskTypeName() + " is not replicated");
   if (kind == Kind::begin) {
     if (body != end) fail("a begin marker carries no value");
-    InMessage marker(*this, kind, entity, attr, body, end, where, std::string_view());
+    InMessage marker(*this, kind, entity, attr, body, end, where, nullptr);
     support->apply(marker, *target);
     open_[collectionKey(entity, attr)].seenKeys.clear();
     return;
   }
-  std::string const pieces = std::move(pieceText_);
-  pieceText_.clear();
-  size_t const prefixBytes = piecePrefix_.size();
-  piecePrefix_.clear();
-  InMessage message(*this, kind, entity, attr, body, end, where, pieces);
+  std::map<uint32_t, std::string> pieces = std::move(pieces_);
+  pieces_.clear();
+  pieceBytes_ = 0;
+  InMessage message(*this, kind, entity, attr, body, end, where,
+                    pieces.empty() ? nullptr : &pieces);
   if (kind == Kind::change && attr > 0 && body != end) {
     auto open = open_.find(collectionKey(entity, attr));
     if (open != open_.end()) {
       size_t const keyBytes = valueSize(body, end, fail);
-      bool const joined = !pieces.empty() && prefixBytes == 0 && uint8_t(*body) == tagText;
-      open->second.seenKeys.insert(joined
-                                       ? wholeTextKey(pieces + std::string(body + 5, keyBytes - 5))
-                                       : std::string(body, keyBytes));
+      auto const leading = pieces.find(0);
+      bool const joined = leading != pieces.end() && uint8_t(*body) == tagText;
+      open->second.seenKeys.insert(
+          joined ? wholeTextKey(leading->second + std::string(body + 5, keyBytes - 5))
+                 : std::string(body, keyBytes));
     }
   }
   ApplyingScope applying(replyOut_, target.ptr(), attr);
@@ -176,35 +175,34 @@ void In::applyPiece(uint32_t entity, int32_t attr, char const* body, char const*
                     std::string const& where) {
   auto fail = [&](std::string const& what) { throw DecodeError(String(where + ": " + what)); };
   if (bound_.find(entity) == bound_.end()) fail("no such entity");
-  // The values before the piece, then the piece itself, a text, last.
-  char const* p = body;
-  char const* last = nullptr;
-  while (p != end) {
-    last = p;
-    p += valueSize(p, end, fail);
-  }
-  if (!last || uint8_t(*last) != tagText) fail("a text piece must end with a text");
-  std::string_view const prefix(body, size_t(last - body));
-  if (!pieceText_.empty() &&
-      (entity != pieceEntity_ || attr != pieceAttr_ || prefix != piecePrefix_)) {
+  if (!pieces_.empty() && (entity != pieceEntity_ || attr != pieceAttr_)) {
     fail("text pieces of two messages interleaved");
   }
-  size_t const n = readU32(last + 1);
-  if (pieceText_.size() + n > maxTextBytes) {
-    fail("text longer than " + std::to_string(maxTextBytes) + " bytes");
+  Reader r(body, end, where);
+  uint32_t const position = r.getU32();
+  std::string_view const piece = r.getText();
+  r.expectEnd();
+  if (!pieces_.empty() && position < pieces_.rbegin()->first) fail("text pieces out of order");
+  if (pieceBytes_ + piece.size() > maxTextBytes) {
+    fail("texts longer than " + std::to_string(maxTextBytes) + " bytes");
   }
   pieceEntity_ = entity;
   pieceAttr_ = attr;
-  piecePrefix_ = prefix;
-  pieceText_.append(last + 5, n);
+  pieces_[position].append(piece);
+  pieceBytes_ += piece.size();
 }
 
 void In::bind(uint32_t id, Ptr<Entity> const& entity, uint32_t parentId) {
   unbindEntity(entity.ptr());  // announced again under a new id: the old one is stale
   unbind(id);
+  if (parentId) {
+    // A hostile stream may reuse an ancestor's id; the parent is then gone with it.
+    auto parent = bound_.find(parentId);
+    if (parent == bound_.end()) return;
+    parent->second.children.push_back(id);
+  }
   bound_[id] = Bound{entity, {}};
   idOf_[entity.ptr()] = id;
-  if (parentId) bound_[parentId].children.push_back(id);
   if (readOnly_) entity->veskReadOnlyIs(true);
 }
 
@@ -225,22 +223,23 @@ void In::unbindEntity(Entity const* entity) {
 // ---- InMessage ----------------------------------------------------------------------------
 
 InMessage::InMessage(In& in, Kind kind, uint32_t entity, int32_t attr, char const* body,
-                     char const* end, std::string where, std::string_view pieceText)
+                     char const* end, std::string where, std::map<uint32_t, std::string>* pieces)
     : in_(in),
       kind_(kind),
       entity_(entity),
       attr_(attr),
       reader_(body, end, std::move(where)),
-      body_(body),
-      pieceText_(pieceText) {}
+      pieces_(pieces) {}
 
 std::string_view InMessage::text() {
-  std::string_view const piece = reader_.getText();
-  if (pieceText_.empty()) return piece;
-  joined_.assign(pieceText_);
-  joined_.append(piece);
-  pieceText_ = {};
-  return joined_;
+  uint32_t const position = reader_.valuesRead();
+  std::string_view const last = reader_.getText();
+  if (!pieces_) return last;
+  auto found = pieces_->find(position);
+  if (found == pieces_->end()) return last;
+  found->second.append(last);  // the map outlives the message's values
+  ++piecesUsed_;
+  return found->second;
 }
 
 uint32_t InMessage::memberId() {
@@ -249,7 +248,10 @@ uint32_t InMessage::memberId() {
   return memberId_;
 }
 
-void InMessage::done() { reader_.expectEnd(); }
+void InMessage::done() {
+  reader_.expectEnd();
+  if (pieces_ && piecesUsed_ != pieces_->size()) fail("text pieces for a value that is not a text");
+}
 
 void InMessage::bindMember(uint32_t id, Ptr<Entity> const& member) {
   if (member) in_.bind(id, member, entity_);

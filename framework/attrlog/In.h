@@ -20,6 +20,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <type_traits>
@@ -82,11 +83,12 @@ class In {
   std::unordered_map<uint32_t, Bound> bound_;
   std::unordered_map<Entity const*, uint32_t> idOf_;
   std::unordered_map<uint64_t, OpenCollection> open_;
-  // A text arriving in pieces: whose, the values before it, and the text so far.
+  // Long texts arriving in pieces for the next message: whose, and each text so far by its
+  // position among that message's values.
   uint32_t pieceEntity_ = 0;
   int32_t pieceAttr_ = 0;
-  std::string piecePrefix_;
-  std::string pieceText_;
+  std::map<uint32_t, std::string> pieces_;
+  size_t pieceBytes_ = 0;
   uint64_t position_ = 0;
 };
 
@@ -95,7 +97,7 @@ class In {
 class InMessage {
  public:
   InMessage(In& in, Kind kind, uint32_t entity, int32_t attr, char const* body, char const* end,
-            std::string where, std::string_view pieceText);
+            std::string where, std::map<uint32_t, std::string>* pieces);
 
   Kind kind() const { return kind_; }
   int32_t attr() const { return attr_; }
@@ -115,7 +117,8 @@ class InMessage {
   }
   // An owned member's announced entity id.
   uint32_t memberId();
-  // Every value has been read; from here the message is applied.
+  // Every value has been read (and every long text's pieces used); from here the message
+  // is applied.
   void done();
 
   // The member just made (or found) under its collection gets the announced id.
@@ -163,9 +166,8 @@ class InMessage {
   uint32_t const entity_;
   int32_t const attr_;
   Reader reader_;
-  char const* body_;
-  std::string_view pieceText_;
-  std::string joined_;
+  std::map<uint32_t, std::string>* pieces_;  // null when the message has none
+  size_t piecesUsed_ = 0;
   uint32_t memberId_ = 0;
 };
 

@@ -26,20 +26,20 @@ char const* tagName(uint8_t tag) {
 }  // namespace
 
 void Writer::putLongText(std::string_view s) {
-  // The values of the open message so far (its key, say) lead every piece.
-  std::string const prefix = out_.substr(start_ + headerBytes);
-  uint32_t const entity = readU32(out_.data() + start_ + 5);
-  int32_t const attr = int32_t(readU32(out_.data() + start_ + 9));
+  // The pieces go ahead of the open message, which moves behind them.
+  std::string const open = out_.substr(start_);
+  uint32_t const position = values_;
   out_.resize(start_);
   while (s.size() > maxTextPieceBytes) {
-    open(Kind::textPiece, entity, attr);
-    out_.append(prefix);
-    putText(s.substr(0, maxTextPieceBytes));
-    close();
+    Writer piece(out_);
+    piece.open(Kind::textPiece, entity_, attr_);
+    piece.put(position);
+    piece.putText(s.substr(0, maxTextPieceBytes));
+    piece.close();
     s.remove_prefix(maxTextPieceBytes);
   }
-  open(Kind::change, entity, attr);
-  out_.append(prefix);
+  start_ = out_.size();
+  out_.append(open);
   putText(s);
 }
 
@@ -72,6 +72,7 @@ uint32_t Reader::u32Raw() {
 
 bool Reader::getBool() {
   expectTag(tagBool);
+  ++values_;
   need(1, "bool");
   uint8_t const v = uint8_t(*p_++);
   if (v > 1) fail("a bool must be 0 or 1, found " + std::to_string(v));
@@ -80,12 +81,14 @@ bool Reader::getBool() {
 
 uint32_t Reader::getU32() {
   expectTag(tagU32);
+  ++values_;
   need(4, "u32");
   return u32Raw();
 }
 
 uint64_t Reader::getU64() {
   expectTag(tagU64);
+  ++values_;
   need(8, "u64");
   uint64_t const high = u32Raw();
   return high << 32 | u32Raw();
@@ -93,6 +96,7 @@ uint64_t Reader::getU64() {
 
 double Reader::getDouble() {
   expectTag(tagDouble);
+  ++values_;
   need(8, "double");
   uint64_t const high = u32Raw();
   uint64_t const bits = high << 32 | u32Raw();
@@ -103,12 +107,14 @@ double Reader::getDouble() {
 
 uint32_t Reader::getEntity() {
   expectTag(tagEntity);
+  ++values_;
   need(4, "entity reference");
   return u32Raw();
 }
 
 std::string_view Reader::getText() {
   expectTag(tagText);
+  ++values_;
   need(4, "text length");
   uint32_t const n = u32Raw();
   if (n > maxTextPieceBytes) {

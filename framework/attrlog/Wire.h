@@ -16,9 +16,10 @@
 //   kind 2 begin        a collection's full send starts (a transaction marker); no value
 //   kind 3 end          the collection's full send is complete: members the reader holds
 //                       that were not sent since the begin are gone
-//   kind 4 text piece   the values of the next change message, up to a text that continues
-//                       there; the text's leading part. Pieces of one text come one after
-//                       the other, and the change message that ends the text follows them.
+//   kind 4 text piece   a leading part of a long text of the next change message: the
+//                       text's position among that message's values ('u', from 0) and the
+//                       part ('s'). The pieces come in order, right before their message,
+//                       which carries each such text's last part in its place.
 //
 //   value := tag:u8 payload
 //     'b'  u8, 0 or 1                  a bool
@@ -72,6 +73,9 @@ class Writer {
   // Opens a message; close() fills in its length.
   void open(Kind kind, uint32_t entity, int32_t attr) {
     start_ = out_.size();
+    values_ = 0;
+    entity_ = entity;
+    attr_ = attr;
     putU32Raw(0);
     out_.push_back(char(kind));
     putU32Raw(entity);
@@ -83,35 +87,41 @@ class Writer {
   }
 
   void put(bool v) {
+    ++values_;
     out_.push_back(char(tagBool));
     out_.push_back(char(v ? 1 : 0));
   }
   void put(uint32_t v) {
+    ++values_;
     out_.push_back(char(tagU32));
     putU32Raw(v);
   }
   void put(uint64_t v) {
+    ++values_;
     out_.push_back(char(tagU64));
     putU64Raw(v);
   }
   void put(double v) {
+    ++values_;
     uint64_t bits;
     std::memcpy(&bits, &v, sizeof bits);
     out_.push_back(char(tagDouble));
     putU64Raw(bits);
   }
   void putEntity(uint32_t id) {
+    ++values_;
     out_.push_back(char(tagEntity));
     putU32Raw(id);
   }
   // A text of at most maxTextPieceBytes; longer ones go through putLongText.
   void putText(std::string_view s) {
+    ++values_;
     out_.push_back(char(tagText));
     putU32Raw(uint32_t(s.size()));
     out_.append(s);
   }
-  // A text of any length as the last value of the open message: all but its last piece go
-  // out as text-piece messages, each repeating the values written so far.
+  // A text of any length: all but its last piece go out as text-piece messages ahead of
+  // the open message, which carries the last piece.
   void putLongText(std::string_view s);
 
   size_t messageStart() const { return start_; }
@@ -128,6 +138,9 @@ class Writer {
 
   std::string& out_;
   size_t start_ = 0;
+  uint32_t values_ = 0;  // values written into the open message
+  uint32_t entity_ = 0;
+  int32_t attr_ = 0;
 };
 
 // Reads the values of one message body. Every read checks the tag and the bounds and throws
@@ -138,6 +151,8 @@ class Reader {
       : p_(begin), end_(end), where_(std::move(where)) {}
 
   bool atEnd() const { return p_ == end_; }
+  // Values read so far: the position of the next one.
+  uint32_t valuesRead() const { return values_; }
   bool getBool();
   uint32_t getU32();
   uint64_t getU64();
@@ -157,6 +172,7 @@ class Reader {
   char const* p_;
   char const* end_;
   std::string where_;
+  uint32_t values_ = 0;
 };
 
 inline uint32_t readU32(char const* p) {

@@ -86,13 +86,13 @@ size_t In::apply(std::span<char const> bytes) {
   while (bytes.size() - used >= 4) {
     char const* p = bytes.data() + used;
     uint32_t const length = readU32(p);
-    std::string const where = "attribute log at byte " + std::to_string(position_);
+    auto where = [&] { return "attribute log at byte " + std::to_string(position_); };
     if (length > maxMessageBytes) {
-      throw DecodeError(String(where + ": message length " + std::to_string(length) +
+      throw DecodeError(String(where() + ": message length " + std::to_string(length) +
                                " exceeds the limit of " + std::to_string(maxMessageBytes)));
     }
     if (length < headerBytes - 4) {
-      throw DecodeError(String(where + ": message length " + std::to_string(length) +
+      throw DecodeError(String(where() + ": message length " + std::to_string(length) +
                                " is shorter than a message header"));
     }
     if (bytes.size() - used - 4 < length) break;  // the rest of it has not arrived
@@ -100,7 +100,7 @@ size_t In::apply(std::span<char const> bytes) {
     uint32_t const entity = readU32(p + 5);
     int32_t const attr = int32_t(readU32(p + 9));
     if (kind < uint8_t(Kind::change) || kind > uint8_t(Kind::textPiece)) {
-      throw DecodeError(String(where + ": unknown message kind " + std::to_string(kind)));
+      throw DecodeError(String(where() + ": unknown message kind " + std::to_string(kind)));
     }
     applyOne(Kind(kind), entity, attr, p + headerBytes, p + 4 + length);
     used += 4 + length;
@@ -110,9 +110,10 @@ size_t In::apply(std::span<char const> bytes) {
 }
 
 void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, char const* end) {
-  std::string const where = "attribute log at byte " + std::to_string(position_) + ", entity " +
-                            std::to_string(entity) + ", attribute " + std::to_string(attr);
-  auto fail = [&](std::string const& what) { throw DecodeError(String(where + ": " + what)); };
+  Where const where{position_, entity, attr};
+  auto fail = [&](std::string const& what) {
+    throw DecodeError(String(where.text() + ": " + what));
+  };
   if (kind == Kind::textPiece) return applyPiece(entity, attr, body, end, where);
   if (!pieces_.empty() && (entity != pieceEntity_ || attr != pieceAttr_ || kind != Kind::change)) {
     fail("text pieces not followed by their message");
@@ -172,8 +173,10 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
 }
 
 void In::applyPiece(uint32_t entity, int32_t attr, char const* body, char const* end,
-                    std::string const& where) {
-  auto fail = [&](std::string const& what) { throw DecodeError(String(where + ": " + what)); };
+                    Where const& where) {
+  auto fail = [&](std::string const& what) {
+    throw DecodeError(String(where.text() + ": " + what));
+  };
   if (bound_.find(entity) == bound_.end()) fail("no such entity");
   if (!pieces_.empty() && (entity != pieceEntity_ || attr != pieceAttr_)) {
     fail("text pieces of two messages interleaved");
@@ -223,12 +226,12 @@ void In::unbindEntity(Entity const* entity) {
 // ---- InMessage ----------------------------------------------------------------------------
 
 InMessage::InMessage(In& in, Kind kind, uint32_t entity, int32_t attr, char const* body,
-                     char const* end, std::string where, std::map<uint32_t, std::string>* pieces)
+                     char const* end, Where const& where, std::map<uint32_t, std::string>* pieces)
     : in_(in),
       kind_(kind),
       entity_(entity),
       attr_(attr),
-      reader_(body, end, std::move(where)),
+      reader_(body, end, where),
       pieces_(pieces) {}
 
 std::string_view InMessage::text() {

@@ -69,7 +69,7 @@ class In {
 
   void applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, char const* end);
   void applyPiece(uint32_t entity, int32_t attr, char const* body, char const* end,
-                  std::string const& where);
+                  Where const& where);
   void bind(uint32_t id, Ptr<Entity> const& entity, uint32_t parentId);
   void unbind(uint32_t id);
   void unbindEntity(Entity const* entity);
@@ -97,7 +97,7 @@ class In {
 class InMessage {
  public:
   InMessage(In& in, Kind kind, uint32_t entity, int32_t attr, char const* body, char const* end,
-            std::string where, std::map<uint32_t, std::string>* pieces);
+            Where const& where, std::map<uint32_t, std::string>* pieces);
 
   Kind kind() const { return kind_; }
   int32_t attr() const { return attr_; }

@@ -43,8 +43,13 @@ void Writer::putLongText(std::string_view s) {
   putText(s);
 }
 
+std::string Where::text() const {
+  return "attribute log at byte " + std::to_string(position) + ", entity " +
+         std::to_string(entity) + ", attribute " + std::to_string(attr);
+}
+
 void Reader::fail(std::string const& what) const {
-  throw DecodeError(String(where_ + ": " + what));
+  throw DecodeError(String(where_.text() + ": " + what));
 }
 
 void Reader::need(size_t n, char const* what) {

@@ -143,12 +143,21 @@ class Writer {
   int32_t attr_ = 0;
 };
 
+// Where in a stream a message stands, for the texts of its refusal; put into words only
+// when something is refused.
+struct Where {
+  uint64_t position = 0;  // the stream byte the message starts at
+  uint32_t entity = 0;
+  int32_t attr = 0;
+  std::string text() const;
+};
+
 // Reads the values of one message body. Every read checks the tag and the bounds and throws
 // DecodeError naming what it expected and found; `where` prefixes each text.
 class Reader {
  public:
-  Reader(char const* begin, char const* end, std::string where)
-      : p_(begin), end_(end), where_(std::move(where)) {}
+  Reader(char const* begin, char const* end, Where const& where)
+      : p_(begin), end_(end), where_(where) {}
 
   bool atEnd() const { return p_ == end_; }
   // Values read so far: the position of the next one.
@@ -162,7 +171,6 @@ class Reader {
   // Throws unless every value of the message has been read.
   void expectEnd();
   [[noreturn]] void fail(std::string const& what) const;
-  std::string const& where() const { return where_; }
 
  private:
   void expectTag(Tag tag);
@@ -171,7 +179,7 @@ class Reader {
 
   char const* p_;
   char const* end_;
-  std::string where_;
+  Where where_;
   uint32_t values_ = 0;
 };
 

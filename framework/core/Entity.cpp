@@ -89,6 +89,28 @@ Ptr<Entity> Entity::entity(String const& path) const {
   return cur;
 }
 
+Ptr<Entity> Entity::child(std::string_view name) const {
+  String const key(name);
+  if (Ptr<Entity> e = namedEntry(Name(key))) return e;
+  for (AttributeDescription const& a : veskTypeDescription().attributes) {
+    if (a.kind != AttributeKind::entityCollection || !a.member) continue;
+    if (Ptr<Entity> e = a.member(*this, key)) return e;
+  }
+  return nullptr;
+}
+
+Ptr<Entity> Entity::entityAtFullName(String const& fullName) const {
+  Entity const* root = this;
+  while (root->parent_) root = root->parent_;
+  std::string_view rest = fullName.view();
+  if (!rest.starts_with('/') || nextComponent(rest) != root->name_.view()) return nullptr;
+  Ptr<Entity> cur(const_cast<Entity*>(root));
+  for (std::string_view c = nextComponent(rest); cur && !c.empty(); c = nextComponent(rest)) {
+    cur = cur->child(c);
+  }
+  return cur;
+}
+
 TypeDescription const& Entity::veskTypeDescription() const {
   static TypeDescription const type{"Vesk::Entity", commonAttributes()};
   return type;

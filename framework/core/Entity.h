@@ -5,6 +5,7 @@
 // the tree has no ownership cycle. fullName() is the path of names from the root, each
 // preceded by "/". entity(path) resolves a path below this entity: a directory's entries
 // by name, elsewhere an attribute name followed, for an entity collection, by a key.
+// entityAtFullName(fullName) finds an entity of this entity's tree by its fullName().
 #pragma once
 
 #include "framework/core/LiveCount.h"
@@ -39,6 +40,11 @@ class Entity : public PtrInterface {
 
   // Resolves a "/"-separated path below this entity; null when any step is missing.
   Ptr<Entity> entity(String const& path) const;
+  // The entity of this entity's tree whose fullName() is `fullName`; null when none. Each
+  // name below the root is a directory's entry or else a member of the first entity
+  // collection, in declaration order, that has the name as its key: a full name is not
+  // unique when two collections hold the same key, and the first collection wins.
+  Ptr<Entity> entityAtFullName(String const& fullName) const;
 
   virtual TypeDescription const& veskTypeDescription() const;
   char const* veskTypeName() const { return veskTypeDescription().name; }
@@ -52,6 +58,7 @@ class Entity : public PtrInterface {
 
  private:
   Ptr<Entity> step(std::string_view component, std::string_view& rest) const;
+  Ptr<Entity> child(std::string_view name) const;
 
   Name name_;
   Entity* parent_ = nullptr;

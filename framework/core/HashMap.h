@@ -11,7 +11,10 @@
 // DELETION DURING ITERATION. An iterator pins the node it stands on. A pinned node that is
 // erased is only marked for deletion; iterators skip marked nodes, and the node is unlinked
 // when the last iterator leaves it. Erasing any member, the current one included, or
-// inserting (which may grow the table) during an iteration is safe.
+// inserting (which may grow the table) during an iteration is safe. A key inserted again
+// while an erased copy of it is pinned goes before that copy, so an iterator standing on
+// the copy does not meet the key a second time: a loop that erases and re-creates the key
+// it stands on visits every key once.
 //
 // LOOKUPS IN ORDER. Two maps with the same key type order the keys they share alike. A
 // Cursor answers find() for keys handed to it in that order (say, by a walk over another
@@ -248,12 +251,12 @@ class HashMap {
     uint64_t rev = reverseBits(orderHash(KeyHash<K>::hash(k)));
     Node** link = &buckets_[bucketIndex(bits_, rev)];
     for (Node* n = *link; n; n = *link) {
-      if (n->rev > rev || (n->rev == rev && k < n->kv.first)) break;
-      if (n->rev == rev && !(n->kv.first < k)) {
-        if (!n->deleted) return {&n->kv.second, false};
-        // A pinned, erased twin stays in place for its iterator; the new member goes after.
-      }
+      if (n->rev > rev || (n->rev == rev && !(n->kv.first < k))) break;
       link = &n->next;
+    }
+    // The live member of a key comes first among its erased, pinned twins.
+    if (Node* n = *link; n && n->rev == rev && !n->deleted && !(k < n->kv.first)) {
+      return {&n->kv.second, false};
     }
     Node* node = new Node(rev, k, std::forward<A>(args)...);
     node->next = *link;

@@ -11,9 +11,10 @@
 // null-parameter text for the collection.
 //
 // OwnedReactor<Base, Owner> is a notifiee (Base is some X::NotifieeConst) that belongs to a
-// machine: veskReactor() reaches the owner. Reactor<Base, Owner> is the same, reference
-// counted, so one that deletes itself from inside its own handler stays alive until the
-// handler returns.
+// machine: veskReactor() reaches the owner, veskFwkActivity() the activity it runs in (the
+// process's current one, whose thread calls its handlers). Reactor<Base, Owner> is the
+// same, reference counted, so one that deletes itself from inside its own handler stays
+// alive until the handler returns.
 //
 // TYPICAL USAGE:
 //   MachineCollection<Vesk::Name, ChildSm> children_{"Controller::ParentSm", "childSm"};
@@ -31,6 +32,7 @@
 #include "framework/core/LiveCount.h"
 #include "framework/core/Ptr.h"
 #include "framework/core/PtrInterface.h"
+#include "framework/time/Activity.h"
 
 namespace Vesk {
 
@@ -130,6 +132,7 @@ class OwnedReactor : public Base {
  public:
   explicit OwnedReactor(Owner* owner) : owner_(owner) {}
   Owner* veskReactor() const { return owner_; }
+  Ptr<Activity> veskFwkActivity() const { return currentActivity(); }
 
  protected:
   Owner* const owner_;

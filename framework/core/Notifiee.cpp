@@ -111,6 +111,10 @@ void NotifieeBase::isWeakReferenceIs(bool b) {
   }
 }
 
+void NotifieeBase::handleNotification(ActivityConfig*) {
+  if (registered_) onRegistered();
+}
+
 void NotifieeBase::onNotificationException() { throw; }
 
 void NotifieeBase::detachFromDyingNotifier() {

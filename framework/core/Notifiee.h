@@ -16,12 +16,17 @@
 //
 // Destroying a notifiee removes it from its notifier's list: a destroyed notifiee is never
 // called.
+//
+// handleNotification(ActivityConfig*) is the entry for what the running activity delivers
+// rather than a mutator: the notifier's current state, handed over as registration does.
 #pragma once
 
 #include "framework/core/Ptr.h"
 #include "framework/core/PtrInterface.h"
 
 namespace Vesk {
+
+class ActivityConfig;
 
 class NotifieeBase {
  public:
@@ -46,6 +51,10 @@ class NotifieeBase {
   // Called once the notifiee is registered on a notifier; generated notifiees use it to
   // deliver the immediate (whole-collection) notifications.
   virtual void onRegistered() {}
+  // Called by the activity that runs the notifiee, with that activity's settings. The
+  // default delivers the immediate notifications (onRegistered) while registered; an
+  // unregistered notifiee is told nothing.
+  virtual void handleNotification(ActivityConfig* config);
 
  protected:
   void notifierBaseIs(PtrInterface const* n);

@@ -3,6 +3,8 @@
 #include <charconv>
 
 #include "framework/core/Entity.h"
+#include "framework/core/Exception.h"
+#include "framework/core/ReflectionWriters.h"
 
 namespace Vesk {
 
@@ -54,6 +56,26 @@ AttributeDescription const* TypeDescription::attribute(uint32_t id) const {
   }
   return nullptr;
 }
+
+namespace detail {
+
+Ptr<Entity> referenceTarget(Entity const& holder, char const* attr, String const& fullName) {
+  if (!fullName.view().starts_with('/')) return nullptr;
+  Ptr<Entity> target = holder.entityAtFullName(fullName);
+  if (!target) {
+    throw RangeException(String(holder.veskTypeName()) + "::" + attr + ": no entity " + fullName +
+                         " in the tree of " + holder.fullName());
+  }
+  return target;
+}
+
+void throwReferenceTypeMismatch(Entity const& holder, char const* attr, Entity const& target,
+                                char const* expectedType) {
+  throw RangeException(String(holder.veskTypeName()) + "::" + attr + ": " + target.fullName() +
+                       " is a " + target.veskTypeName() + ", not a " + expectedType);
+}
+
+}  // namespace detail
 
 String EnumDescription::valueToStrep(uint32_t v) const {
   for (auto const& e : values) {

@@ -12,9 +12,11 @@ Ptr<Activity>& currentSlot() {
 }
 }  // namespace
 
-Activity::Activity(Ptr<Clock> const& clock) : clock_(clock) {
-  if (!clock_) throwNullParameter("clock", "Vesk::Activity");
+ActivityConfig::ActivityConfig(Ptr<Clock> const& clock) : clock_(clock) {
+  if (!clock_) throwNullParameter("clock", "Vesk::ActivityConfig");
 }
+
+Activity::Activity(Ptr<Clock> const& clock) : config_(clock) {}
 
 Ptr<Activity> currentActivity() {
   Ptr<Activity>& slot = currentSlot();

@@ -1,4 +1,5 @@
-// Activity: the context the machines of a process run in; today, the clock their timers use.
+// Activity: the context the machines of a process run in; today, the clock their timers use,
+// held in the activity's configuration (ActivityConfig.h).
 //
 // There is one current activity per process. Machines reach their clock as
 // currentActivity()->clock(). Without a prior currentActivityIs(), the first
@@ -16,10 +17,15 @@
 //
 // Timers hold their clock, so replacing the current activity does not stop the timers of
 // machines created under the old one: they keep running on the old clock.
+//
+// DELIVERY. A change reaches its notifiees synchronously, inside the mutator that made it.
+// Whatever runs the activity (an agent's loop, a tool) hands a notifiee its notifier's
+// current state by calling notifiee.handleNotification(activity->config()) (Notifiee.h).
 #pragma once
 
 #include "framework/core/Ptr.h"
 #include "framework/core/PtrInterface.h"
+#include "framework/time/ActivityConfig.h"
 #include "framework/time/Clock.h"
 #include "framework/time/ManualClock.h"
 
@@ -30,13 +36,14 @@ class Activity : public PtrInterface {
   // A null clock throws NullParameterException.
   explicit Activity(Ptr<Clock> const& clock);
 
-  Ptr<Clock> clock() const { return clock_; }
+  Ptr<Clock> clock() const { return config_.clock(); }
+  ActivityConfig* config() { return &config_; }
 
  protected:
   ~Activity() override = default;
 
  private:
-  Ptr<Clock> clock_;
+  ActivityConfig config_;
 };
 
 Ptr<Activity> currentActivity();

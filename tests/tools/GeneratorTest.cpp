@@ -142,6 +142,52 @@ TEST(GeneratedReflection, AttributesAreNumberedInDeclarationOrderAndReadAsText) 
   EXPECT_EQ(shelf->entity("book/b"), book);
 }
 
+// Tools write collection members by key text and references by the target's full name;
+// a text that does not parse is refused with false, a name of nothing or of an entity of
+// another type with a range failure.
+TEST(GeneratedReflection, MembersAndReferencesAreWrittenFromText) {
+  Vesk::Ptr<Library> library(new Library("lib"));
+  auto const& shelves = *library->veskTypeDescription().attribute("shelf");
+  Vesk::Ptr<Vesk::Entity> made = shelves.memberNew(*library, "s");
+  Vesk::Ptr<Shelf> shelf = library->shelf("s");
+  ASSERT_TRUE(shelf);
+  EXPECT_EQ(made, shelf);
+  EXPECT_EQ(shelves.memberNew(*library, "s"), made);
+  auto const& type = shelf->veskTypeDescription();
+  EXPECT_EQ(type.attribute("book")->memberNew, nullptr);  // a book needs an author and pages
+
+  auto const& rating = *type.attribute("rating");
+  EXPECT_TRUE(rating.memberIs(*shelf, "7", "70"));
+  EXPECT_FALSE(rating.memberIs(*shelf, "seven", "70"));
+  EXPECT_FALSE(rating.memberIs(*shelf, "8", "lots"));
+  EXPECT_EQ(shelf->ratingSize(), 1u);
+  EXPECT_EQ(shelf->rating(7), 70u);
+  EXPECT_FALSE(rating.memberDel(*shelf, "seven"));
+  EXPECT_TRUE(rating.memberDel(*shelf, "7"));
+  EXPECT_EQ(shelf->ratingSize(), 0u);
+  EXPECT_TRUE(shelves.memberDel(*library, "s"));
+  EXPECT_EQ(library->shelfSize(), 0u);
+  shelf = library->shelfIs("s");
+
+  auto book = shelf->bookIs("b", "author", 10);
+  auto const& favourite = *type.attribute("favourite");
+  EXPECT_TRUE(favourite.set(*shelf, "/lib/s/b"));
+  EXPECT_EQ(shelf->favourite(), book);
+  EXPECT_EQ(favourite.get(*shelf), "/lib/s/b");
+  EXPECT_FALSE(favourite.set(*shelf, "b"));  // not a full name
+  EXPECT_EQ(failureText<Vesk::RangeException>([&] { favourite.set(*shelf, "/lib/s/c"); }),
+            "Sample::Shelf::favourite: no entity /lib/s/c in the tree of /lib/s");
+  EXPECT_EQ(failureText<Vesk::RangeException>([&] { favourite.set(*shelf, "/lib/s"); }),
+            "Sample::Shelf::favourite: /lib/s is a Sample::Shelf, not a Sample::Book");
+  EXPECT_EQ(shelf->favourite(), book);
+  EXPECT_TRUE(favourite.set(*shelf, "null"));
+  EXPECT_EQ(shelf->favourite(), nullptr);
+  auto const& required = *type.attribute("required");
+  EXPECT_TRUE(required.set(*shelf, "/lib/s/b"));
+  EXPECT_EQ(shelf->required(), book);
+  EXPECT_THROW(required.set(*shelf, "null"), Vesk::NullParameterException);
+}
+
 TEST(GeneratedEnum, ParsesAndPrintsItsStringForms) {
   EXPECT_EQ(valueToStrep(colourRed), "colourRed");
   EXPECT_EQ(ColourInstance(Vesk::String("colourRed")), colourRed);
@@ -163,6 +209,7 @@ TEST(GeneratedFactory, RegisteredTypesAreCreatedByNameInADirectory) {
   ASSERT_TRUE(e);
   EXPECT_STREQ(e->veskTypeName(), "Sample::Shelf");
   EXPECT_EQ(dir->entryIs("made", "Sample::Shelf"), e);
+  EXPECT_EQ(e->entityAtFullName("/root/made"), e);  // a directory's entries by name
   EXPECT_THROW(dir->entryIs("made", "Vesk::Dir"), Vesk::NameInUseException);
 }
 

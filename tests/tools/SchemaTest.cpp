@@ -47,6 +47,10 @@ TEST(SchemaReader, RefusesWhatWouldNotCompileWithTheLineAtFault) {
       {"namespace A::\n", ":3: 'A::' is not a name"},
       {"module M.x\n", ":3: 'M.x' is not a name"},
       {"entity A\n  attr a : u32\nend\n", ":3: entity A needs exactly one key"},
+      {"entity A\n  attr a : u32\n  param p : u32\n  key k : Name\nend\n",
+       ":5: constructor parameter p of entity A must follow the key"},
+      {"entity A\n  attr a : u32 ctor\n  key k : Name\nend\n",
+       ":4: constructor parameter a of entity A must follow the key"},
   };
   for (Case const& c : cases) EXPECT_EQ(errorOf(c.body), c.error) << c.body;
 }

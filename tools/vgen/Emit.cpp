@@ -112,15 +112,26 @@ void emitScalar(Context const& c, Sections& out) {
                          v);
   if (c.attr.notify) out.handlers += fill("    virtual void on{{A}}() {}\n", v);
   v["KIND"] = ti.pointer ? "reference" : "scalar";
-  v["SET"] = (ti.parseable && !ti.pointer) ? fill(R"(
+  if (ti.pointer) {
+    v["U"] = ti.pointee;
+    v["SET"] = fill(R"(
+    [](Vesk::Entity& e, Vesk::String const& s) {
+      auto& holder = static_cast<{{QT}}&>(e);
+      return Vesk::referenceIsFromText<{{QT}}, {{U}}>(holder, &{{QT}}::{{a}}Is, s, "{{a}}");
+    },)",
+                    v);
+  } else if (ti.parseable) {
+    v["SET"] = fill(R"(
     [](Vesk::Entity& e, Vesk::String const& s) {
       {{V}} v{};
       if (!Vesk::veskParse(s, v)) return false;
       static_cast<{{QT}}&>(e).{{a}}Is(v);
       return true;
     },)",
-                                                  v)
-                                           : "\n    nullptr,";
+                    v);
+  } else {
+    v["SET"] = "\n    nullptr,";
+  }
   v["MEMBER"] = ti.pointer ? fill(R"(
     [](Vesk::Entity const& e, Vesk::String const&) -> Vesk::Ptr<Vesk::Entity> {
       Vesk::Entity const* target = static_cast<{{QT}} const&>(e).{{a}}().ptr();
@@ -205,7 +216,6 @@ void {{QT}}::{{a}}Notify([[maybe_unused]] {{K}} const& k) const {
 
 void emitCollection(Context const& c, Sections& out) {
   Vars v = c.vars;
-  TypeInfo ki = typeInfo(c.schema, c.attr.keyType);
   out.decl += fill(
       "  {{V}} {{a}}({{K}} const& k) const {\n"
       "    {{V}} const* v = {{a}}_.find(k);\n"
@@ -235,9 +245,11 @@ void emitCollection(Context const& c, Sections& out) {
       }
     },
     nullptr,
+    Vesk::memberIsFromText<{{QT}}, {{K}}, {{V}}, &{{QT}}::{{a}}Is>(),
+    nullptr,
+    Vesk::memberDelFromText<{{QT}}, {{K}}, &{{QT}}::{{a}}Del>(),
 )",
       v);
-  (void)ki;
 }
 
 // ---- keyed collection of owned entities --------------------------------------------------
@@ -300,6 +312,11 @@ Vesk::Ptr<{{M}}> {{QT}}::{{a}}New({{K}} const& k{{PARAMS}}) {
                       v);
   emitCollectionCommon(c, out, fill("Vesk::Owned<{{M}}>", v));
   v["NOTIFIES"] = c.attr.notify ? "true" : "false";
+  // Only members made from their key alone can be created from text.
+  v["NEW"] =
+      params.empty()
+          ? fill("\n    Vesk::memberNewFromText<{{QT}}, {{K}}, {{M}}, &{{QT}}::{{a}}Is>(),", v)
+          : "\n    nullptr,";
   out.reflection += fill(
       R"(    {{ID}}, "{{a}}", Vesk::AttributeKind::entityCollection, "{{M}}", {{NOTIFIES}}, true,
     nullptr, nullptr,
@@ -313,6 +330,8 @@ Vesk::Ptr<{{M}}> {{QT}}::{{a}}New({{K}} const& k{{PARAMS}}) {
       if (!Vesk::veskParse(text, k)) return nullptr;
       return static_cast<{{QT}} const&>(e).{{a}}(k);
     },
+    nullptr,{{NEW}}
+    Vesk::memberDelFromText<{{QT}}, {{K}}, &{{QT}}::{{a}}Del>(),
 )",
       v);
 }
@@ -550,6 +569,7 @@ Output emit(Schema const& s, std::string const& schemaName) {
 
   out.source =
       banner + "#include \"" + s.module + ".h\"\n\n#include <ostream>\n#include <vector>\n\n";
+  out.source += "#include \"framework/core/ReflectionWriters.h\"\n";
   out.source += "#include \"framework/core/TypeRegistry.h\"\n";
   if (s.attrlog) {
     out.source +=

@@ -147,6 +147,24 @@ void addEnumerator(LineReader const& r, Enum& en, std::string const& name, unsig
   en.values.emplace_back(name, value);
 }
 
+// The key is the generated constructor's first parameter; the constructor parameters
+// (params, and attrs flagged ctor) follow it in declaration order.
+void checkKey(LineReader r, Entity const& e) {
+  int keys = 0;
+  for (auto const& a : e.attrs) keys += a.kind == AttrKind::key;
+  if (keys != 1) {
+    r.line = e.line;
+    r.fail("entity " + e.name + " needs exactly one key");
+  }
+  for (auto const& a : e.attrs) {
+    if (a.kind == AttrKind::key) return;
+    if (a.kind == AttrKind::param || a.ctor) {
+      r.line = a.line;
+      r.fail("constructor parameter " + a.name + " of entity " + e.name + " must follow the key");
+    }
+  }
+}
+
 void declareType(LineReader const& r, std::set<std::string>& types, std::string const& ns,
                  std::string const& name) {
   if (!types.insert(ns + "::" + name).second) r.fail(name + " is declared twice");
@@ -240,14 +258,7 @@ Schema parseSchema(std::string const& path) {
   }
   if (entity || en) r.fail("missing 'end'");
   if (s.module.empty()) r.fail("missing 'module'");
-  for (auto const& e : s.entities) {
-    int keys = 0;
-    for (auto const& a : e.attrs) keys += a.kind == AttrKind::key;
-    if (keys != 1) {
-      r.line = e.line;
-      r.fail("entity " + e.name + " needs exactly one key");
-    }
-  }
+  for (auto const& e : s.entities) checkKey(r, e);
   return s;
 }
 

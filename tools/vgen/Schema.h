@@ -19,8 +19,9 @@
 //                                   the count of framework/records/CountedRecords.h
 //     key <attr> : <Type>           the key; the entity's name is its text form
 //     param <attr> : <Type>         immutable constructor parameter
-//     attr <attr> : <Type> [notify] [nonnull]
-//                                   settable scalar or reference
+//     attr <attr> : <Type> [notify] [nonnull] [ctor]
+//                                   settable scalar or reference; "ctor" makes it a
+//                                   constructor parameter too
 //     collection <attr> : <Key> -> <Value> [notify]
 //                                   keyed collection of scalars or values
 //     owned <attr> : <Key> -> <Entity> [notify] [nameInUse]
@@ -38,8 +39,9 @@
 //
 // Names are C++ identifiers (a namespace: identifiers joined by "::"). A type is declared
 // once per namespace, an attribute once per entity, and an enumerator name or value once
-// per enum; the reader refuses a schema that breaks this instead of generating C++ that
-// does not compile.
+// per enum. An entity has one key, and its constructor parameters come after it (the
+// constructor takes the key first). The reader refuses a schema that breaks this instead of
+// generating C++ that does not compile.
 #pragma once
 
 #include <string>

@@ -130,6 +130,29 @@ TEST(HashMapIteration, ErasingInsertingAndClearingDuringAVisit) {
   EXPECT_EQ(m.size(), 1u);
 }
 
+// Erasing the current key and inserting it again, even while other iterators pin older
+// copies of it, leaves the new member behind every walk: each key is visited once.
+TEST(HashMapIteration, ReinsertingTheCurrentKeyDoesNotRevisitIt) {
+  HashMap<unsigned, int> m;
+  for (unsigned i = 0; i < 50; ++i) m.emplace(i, 0);
+  std::vector<unsigned> const order = keysInOrder(m);
+  std::vector<unsigned> seen;
+  for (auto it = m.begin(); it != m.end() && seen.size() <= order.size(); ++it) {
+    unsigned const k = it.key();
+    seen.push_back(k);
+    m.erase(k);
+    m.emplace(k, 1);
+    auto second = m.iteratorAt(k);
+    m.erase(k);
+    m.emplace(k, 2);
+    ++second;
+    EXPECT_TRUE(second == m.end() || second.key() != k) << k;
+  }
+  EXPECT_EQ(seen, order);
+  EXPECT_EQ(keysInOrder(m), order);
+  for (auto& [k, v] : m) EXPECT_EQ(v, 2) << k;
+}
+
 // A cursor gives find()'s answer for every key, whatever changes between seeks: keys sought
 // in the order of a walk over another map, then out of order, then after a clear().
 TEST(HashMapCursor, AnswersAsFindDoesWhileTheMapChanges) {

@@ -13,7 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "framework/core/Dir.h"
 #include "framework/core/Exception.h"
+#include "framework/core/Machine.h"
 #include "framework/time/Activity.h"
 #include "framework/time/Clock.h"
 #include "framework/time/ManualClock.h"
@@ -312,6 +314,31 @@ TEST(Activity, CurrentActivityDefaultsToARealClockAndScopesRestoreThePrevious) {
 
   EXPECT_THROW(Ptr<Activity>(new Activity(Ptr<Clock>())), NullParameterException);
   currentActivityIs(saved);
+}
+
+// A machine's reactor reaches the activity it runs in, and the activity's configuration its
+// clock; an activity delivery hands a registered reactor its notifier's current state.
+TEST(Activity, AReactorReachesItsActivityAndReceivesItsDeliveries) {
+  struct Machine {
+    int wholeDirectoryVisits = 0;
+  } machine;
+  struct DirReactor : OwnedReactor<Dir::NotifieeConst, Machine> {
+    using OwnedReactor::OwnedReactor;
+    void onEntityPtr() override { ++veskReactor()->wholeDirectoryVisits; }
+  };
+  ScopedManualActivity act;
+  DirReactor reactor(&machine);
+  EXPECT_EQ(reactor.veskFwkActivity(), act.activity());
+  ActivityConfig* config = reactor.veskFwkActivity()->config();
+  EXPECT_EQ(config->clock(), act.clock());
+
+  reactor.handleNotification(config);  // not yet bound
+  reactor.notifierIs(dirFactory("d"));
+  reactor.handleNotification(config);
+  EXPECT_EQ(machine.wholeDirectoryVisits, 2);  // registration, then the delivery
+  reactor.isRegisteredNotifieeIs(false);
+  reactor.handleNotification(config);
+  EXPECT_EQ(machine.wholeDirectoryVisits, 2);
 }
 
 }  // namespace

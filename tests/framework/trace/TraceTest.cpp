@@ -24,6 +24,7 @@
 #include "framework/core/Assert.h"
 #include "framework/core/Exception.h"
 #include "framework/trace/FlitlogReader.h"
+#include "framework/trace/TraceHelper.h"
 
 namespace Vesk {
 namespace {
@@ -312,6 +313,33 @@ TEST(TraceText, DetailAndMirroredMessagesBecomeTextLines) {
   last.erase(last.begin(), last.end() - 3);
   EXPECT_EQ(last, (std::vector<std::string>{"routine 1", "mirrored 2", "detail 4.5"}));
   EXPECT_EQ(d.messages[d.messages.size() - 3].line, uint32_t(routineLine));
+}
+
+// A helper exists only at an enabled level and prints its line, start and rest, through
+// the text trace when the handle records the level and to a capture in any case.
+TEST(TraceText, AHelperPrintsOneLineAtAnEnabledLevel) {
+  std::string const path = tempPath("helper");
+  TraceText::fileIs(path);
+  TraceHandle h("TraceTestHelper", true);
+  EXPECT_FALSE(TraceHelper::createIfEnabled(h, 8, "detail"));
+  int const line = __LINE__ + 1;
+  if (auto t = TraceHelper::createIfEnabled(h, 5, "TraceTestHelper::peer ", 7, ' ', Point{1, 2})) {
+    t->trace(String(" added"), line, __FILE__);
+  }
+  {
+    TraceCapture capture;
+    auto t = TraceHelper::createIfEnabled(h, 8, "detail ", 3);
+    ASSERT_TRUE(t);
+    t->trace(" captured only", line, __FILE__);
+    EXPECT_EQ(capture.lines(), std::vector<std::string>{"detail 3 captured only"});
+  }
+  TraceText::fileIs(String());
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  std::remove(path.c_str());
+  EXPECT_EQ(text.str(), "TraceTest.cpp:" + std::to_string(line) +
+                            " TraceTestHelper TraceTestHelper::peer 7 (1,2) added\n");
 }
 
 // ---- trace files

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <type_traits>
 
 #include "framework/attrlog/Wire.h"
@@ -52,13 +53,16 @@ struct Codec<double> {
   }
 };
 
-// Enumerations travel as unsigned 32-bit values.
+// Enumerations travel as unsigned 32-bit values; a received one must be an enumerator
+// (veskIsValue, found with the enumeration).
 template <class E>
 struct Codec<E, std::enable_if_t<std::is_enum_v<E>>> {
   static void put(Writer& w, E v) { w.put(uint32_t(v)); }
   template <class M>
   static E get(M& m) {
-    return E(m.reader().getU32());
+    E const v = E(m.reader().getU32());
+    if (!veskIsValue(v)) m.fail(std::to_string(uint32_t(v)) + " is not an enumerator");
+    return v;
   }
 };
 

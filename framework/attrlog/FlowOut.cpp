@@ -62,7 +62,8 @@ bool FlowOut::sendReference(size_t slot, Entity const* target) {
   bool const replicated = target && out_.inTree(target) && typeSupport(*target);
   uint32_t const id = replicated ? out_.idOf(target) : 0;
   if (replicated && id == 0) {
-    veskIsDirtyIs(slot, true);
+    veskIsDirtyIs(slot, false);
+    out_.announcementAwaitedIs(*target, *this, slot);
     return true;
   }
   return sendValue(slot, [&](Writer& w) {

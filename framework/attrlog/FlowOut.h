@@ -27,6 +27,7 @@
 #include <optional>
 #include <set>
 #include <span>
+#include <unordered_set>
 #include <vector>
 
 #include "framework/attrlog/Codec.h"
@@ -78,7 +79,10 @@ class FlowOut {
 
   // The ids of the members this adapter announced, which go when they leave its
   // collections.
-  std::vector<uint32_t>& announced() { return announced_; }
+  std::unordered_set<uint32_t>& announced() { return announced_; }
+  // The flow of the entity that announced this one; 0 for the root.
+  uint32_t parentId() const { return parentId_; }
+  void parentIdIs(uint32_t id) { parentId_ = id; }
   // Whether the adapter is in its stream's queue of adapters with work.
   bool queued() const { return queued_; }
   void queuedIs(bool queued) { queued_ = queued; }
@@ -185,8 +189,9 @@ class FlowOut {
   }
 
   // A reference's value by its target's id: 0 for null and for a target outside the
-  // replicated tree. While the target is in the tree but not announced yet, the value waits
-  // (dirty). False when the stream had no room.
+  // replicated tree or of a type that is not replicated. While the target is in the tree but
+  // not announced yet, the value waits, without holding the stream's flow-out open, until
+  // the target's announcement makes it dirty. False when the stream had no room.
   bool sendReference(size_t slot, Entity const* target);
   void referenceChanged(size_t slot, Entity const* target) {
     if (!changeToSend(slot, false)) return;
@@ -227,7 +232,8 @@ class FlowOut {
   uint64_t synced_ = 0;
   uint64_t dirtyKeys_ = 0;  // slots whose collection has dirty keys
   uint64_t endOwed_ = 0;    // slots whose walk is done but whose end marker is not sent
-  std::vector<uint32_t> announced_;
+  std::unordered_set<uint32_t> announced_;
+  uint32_t parentId_ = 0;
   bool baseOwed_ = false;
   bool queued_ = false;
 };

@@ -47,21 +47,23 @@ std::string wholeTextKey(std::string_view text) {
   return out;
 }
 
-// While a received message is applied, the copy's read-only members accept its writes and
-// the reply stream does not send them back.
+// While a received message is applied, its entity accepts the message's writes even when
+// read-only, and the reply stream does not send them back.
 class ApplyingScope {
  public:
-  ApplyingScope(Out* reply, Entity const* entity, int32_t attr) : reply_(reply) {
-    ++remoteWriteDepth;
+  ApplyingScope(Out* reply, Entity const* entity, int32_t attr)
+      : reply_(reply), outer_(remoteWriteTarget) {
+    remoteWriteTarget = entity;
     if (reply_) reply_->handlingFlowInIs(entity, attr);
   }
   ~ApplyingScope() {
-    --remoteWriteDepth;
+    remoteWriteTarget = outer_;
     if (reply_) reply_->handlingFlowInIs(nullptr, 0);
   }
 
  private:
   Out* reply_;
+  Entity const* outer_;
 };
 
 }  // namespace
@@ -126,7 +128,10 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
     if (type != root_->veskTypeName()) {
       fail("stream of " + std::string(type) + " into a copy of " + root_->veskTypeName());
     }
-    // A full send starts (again): every member is announced anew.
+    // A full send starts (again): every member is announced anew. The copy keeps its own
+    // name.
+    pieces_.clear();
+    pieceBytes_ = 0;
     open_.clear();
     unbind(1);
     bind(1, root_, 0);
@@ -149,27 +154,32 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
   pieceBytes_ = 0;
   InMessage message(*this, kind, entity, attr, body, end, where,
                     pieces.empty() ? nullptr : &pieces);
+  // A member sent between its collection's markers is seen, once the message is applied.
+  auto open = open_.end();
+  std::string seenKey;
   if (kind == Kind::change && attr > 0 && body != end) {
-    auto open = open_.find(collectionKey(entity, attr));
+    open = open_.find(collectionKey(entity, attr));
     if (open != open_.end()) {
       size_t const keyBytes = valueSize(body, end, fail);
       auto const leading = pieces.find(0);
       bool const joined = leading != pieces.end() && uint8_t(*body) == tagText;
-      open->second.seenKeys.insert(
-          joined ? wholeTextKey(leading->second + std::string(body + 5, keyBytes - 5))
-                 : std::string(body, keyBytes));
+      seenKey = joined ? wholeTextKey(leading->second + std::string(body + 5, keyBytes - 5))
+                       : std::string(body, keyBytes);
     }
   }
-  ApplyingScope applying(replyOut_, target.ptr(), attr);
-  try {
-    support->apply(message, *target);
-  } catch (DecodeError const&) {
-    throw;
-  } catch (ReadOnlyProxyException const&) {
-    throw;
-  } catch (Exception const& e) {  // a reinstantiation, say: the message is refused
-    fail(e.what());
+  {
+    ApplyingScope applying(replyOut_, target.ptr(), attr);
+    try {
+      support->apply(message, *target);
+    } catch (DecodeError const&) {
+      throw;
+    } catch (ReadOnlyProxyException const&) {
+      throw;
+    } catch (Exception const& e) {  // a reinstantiation, say: the message is refused
+      fail(e.what());
+    }
   }
+  if (open != open_.end()) open->second.seenKeys.insert(std::move(seenKey));
 }
 
 void In::applyPiece(uint32_t entity, int32_t attr, char const* body, char const* end,
@@ -196,15 +206,16 @@ void In::applyPiece(uint32_t entity, int32_t attr, char const* body, char const*
 }
 
 void In::bind(uint32_t id, Ptr<Entity> const& entity, uint32_t parentId) {
-  unbindEntity(entity.ptr());  // announced again under a new id: the old one is stale
+  auto held = bound_.find(id);
+  if (held != bound_.end() && held->second.entity == entity) return;  // announced again
+  unbindEntity(entity.ptr());  // announced under a new id: the old one is stale
   unbind(id);
   if (parentId) {
-    // A hostile stream may reuse an ancestor's id; the parent is then gone with it.
     auto parent = bound_.find(parentId);
     if (parent == bound_.end()) return;
-    parent->second.children.push_back(id);
+    parent->second.children.insert(id);
   }
-  bound_[id] = Bound{entity, {}};
+  bound_[id] = Bound{entity, parentId, {}};
   idOf_[entity.ptr()] = id;
   if (readOnly_) entity->veskReadOnlyIs(true);
 }
@@ -215,12 +226,22 @@ void In::unbind(uint32_t id) {
   Bound bound = std::move(found->second);
   bound_.erase(found);
   idOf_.erase(bound.entity.ptr());
+  open_.erase(open_.lower_bound(collectionKey(id, 0)), open_.lower_bound(collectionKey(id + 1, 0)));
+  if (auto parent = bound_.find(bound.parent); parent != bound_.end()) {
+    parent->second.children.erase(id);
+  }
+  // Ids are bound along the copy's own tree, so this goes as deep as the model does.
   for (uint32_t child : bound.children) unbind(child);
 }
 
 void In::unbindEntity(Entity const* entity) {
   auto found = idOf_.find(entity);
   if (found != idOf_.end()) unbind(found->second);
+}
+
+bool In::boundElsewhere(uint32_t id, Entity const* entity) const {
+  auto found = bound_.find(id);
+  return found != bound_.end() && found->second.entity.ptr() != entity;
 }
 
 // ---- InMessage ----------------------------------------------------------------------------
@@ -258,6 +279,10 @@ void InMessage::done() {
 
 void InMessage::bindMember(uint32_t id, Ptr<Entity> const& member) {
   if (member) in_.bind(id, member, entity_);
+}
+
+void InMessage::expectFreeId(uint32_t id, Entity const* member) {
+  if (in_.boundElsewhere(id, member)) fail("entity id " + std::to_string(id) + " is in use");
 }
 
 Entity* InMessage::referenceTarget(char const* typeName) {

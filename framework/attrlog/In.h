@@ -61,7 +61,8 @@ class In {
   friend class InMessage;
   struct Bound {
     Ptr<Entity> entity;
-    std::vector<uint32_t> children;
+    uint32_t parent;
+    std::unordered_set<uint32_t> children;
   };
   struct OpenCollection {
     std::unordered_set<std::string> seenKeys;
@@ -73,8 +74,10 @@ class In {
   void bind(uint32_t id, Ptr<Entity> const& entity, uint32_t parentId);
   void unbind(uint32_t id);
   void unbindEntity(Entity const* entity);
-  static uint64_t collectionKey(uint32_t entity, int32_t attr) {
-    return uint64_t(entity) << 32 | uint32_t(attr);
+  // Whether `id` names an entity other than `entity`.
+  bool boundElsewhere(uint32_t id, Entity const* entity) const;
+  static uint64_t collectionKey(uint64_t entity, int32_t attr) {
+    return entity << 32 | uint32_t(attr);
   }
 
   Ptr<Entity> root_;
@@ -82,7 +85,7 @@ class In {
   Out* replyOut_ = nullptr;
   std::unordered_map<uint32_t, Bound> bound_;
   std::unordered_map<Entity const*, uint32_t> idOf_;
-  std::unordered_map<uint64_t, OpenCollection> open_;
+  std::map<uint64_t, OpenCollection> open_;  // by entity, then attribute
   // Long texts arriving in pieces for the next message: whose, and each text so far by its
   // position among that message's values.
   uint32_t pieceEntity_ = 0;
@@ -121,6 +124,9 @@ class InMessage {
   // is applied.
   void done();
 
+  // Refuses an announced id that names another entity than the member now under the key
+  // (null when there is none): ids are never reused within a full send.
+  void expectFreeId(uint32_t id, Entity const* member);
   // The member just made (or found) under its collection gets the announced id.
   void bindMember(uint32_t id, Ptr<Entity> const& member);
   // A member about to be deleted stops being bound.

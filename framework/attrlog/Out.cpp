@@ -26,6 +26,7 @@ void Out::consumed(size_t n) {
 
 void Out::clear() {
   waiting_.clear();
+  awaited_.clear();
   byId_.clear();
   // Adapters unregister from their entities as they go; none sends anything on the way.
   auto adapters = std::move(adapters_);
@@ -57,9 +58,35 @@ uint32_t Out::announce(Entity const& member, FlowOut& parent) {
   FlowOut& made = *adapter;
   byId_[id] = adapter.get();
   adapters_[&member] = std::move(adapter);
-  parent.announced().push_back(id);
+  made.parentIdIs(parent.id());
+  parent.announced().insert(id);
   waitingIs(made);
+  wakeAwaiting(member);
   return id;
+}
+
+void Out::announcementAwaitedIs(Entity const& target, FlowOut& flow, size_t slot) {
+  for (AwaitedAnnouncement& a : awaited_) {
+    if (a.flow == flow.id() && a.slot == slot) {
+      a.target = &target;
+      return;
+    }
+  }
+  awaited_.push_back({&target, flow.id(), slot});
+}
+
+void Out::wakeAwaiting(Entity const& announced) {
+  for (size_t i = 0; i < awaited_.size();) {
+    AwaitedAnnouncement const a = awaited_[i];
+    if (a.target != &announced) {
+      ++i;
+      continue;
+    }
+    awaited_[i] = awaited_.back();
+    awaited_.pop_back();
+    if (auto flow = byId_.find(a.flow); flow != byId_.end())
+      flow->second->veskIsDirtyIs(a.slot, true);
+  }
 }
 
 uint32_t Out::idOf(Entity const* entity) const {
@@ -78,7 +105,12 @@ void Out::withdraw(uint32_t id) {
   auto found = byId_.find(id);
   if (found == byId_.end()) return;
   FlowOut* adapter = found->second;
-  for (uint32_t child : adapter->announced()) withdraw(child);
+  std::vector<uint32_t> const children(adapter->announced().begin(), adapter->announced().end());
+  for (uint32_t child : children) withdraw(child);
+  if (auto parent = byId_.find(adapter->parentId()); parent != byId_.end()) {
+    parent->second->announced().erase(id);
+  }
+  std::erase_if(awaited_, [&](AwaitedAnnouncement const& a) { return a.flow == id; });
   byId_.erase(found);
   adapters_.erase(&adapter->entity());
 }

@@ -25,6 +25,7 @@
 #include <span>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "framework/attrlog/Wire.h"
 #include "framework/core/Entity.h"
@@ -81,6 +82,9 @@ class Out : public PtrInterface {
   // Stops replicating the member announced under `id` (it left its collection), with
   // everything below it.
   void withdraw(uint32_t id);
+  // A reference of `flow` at `slot` waits for `target`'s announcement, which makes the slot
+  // dirty. One wait per slot: a later one replaces it.
+  void announcementAwaitedIs(Entity const& target, FlowOut& flow, size_t slot);
   // The adapter has work for flowOut().
   void waitingIs(FlowOut& adapter);
   // While a received change is being applied for this stream's reader (see In::replyOutIs),
@@ -95,6 +99,7 @@ class Out : public PtrInterface {
 
  private:
   FlowOut* flowOf(Entity const* entity) const;
+  void wakeAwaiting(Entity const& announced);
   void clear();
 
   size_t const capacity_;
@@ -106,6 +111,12 @@ class Out : public PtrInterface {
   std::unordered_map<Entity const*, std::unique_ptr<FlowOut>> adapters_;
   std::deque<uint32_t> waiting_;  // adapter ids, in the order their work arose
   std::unordered_map<uint32_t, FlowOut*> byId_;
+  struct AwaitedAnnouncement {
+    Entity const* target;
+    uint32_t flow;
+    size_t slot;
+  };
+  std::vector<AwaitedAnnouncement> awaited_;
   Entity const* flowInEntity_ = nullptr;
   int32_t flowInAttr_ = 0;
 };

@@ -190,6 +190,18 @@ TEST_F(Replication, ACopyIsReadOnlyForLocalWriters) {
   auto copy = serviceMountConfigFactory(Name("agent"));
   AttrLogLink link(original, copy);
   link.settle();
+  // A notifiee of the copy that writes into it while a received change is applied is a
+  // local writer too.
+  struct WritesBack : ServiceMountConfig::NotifieeConst {
+    void onWarm() override {
+      notifierRaw()->systemFilter(Name("some"))->includedSystemIs("echo", true);
+    }
+  } writesBack;
+  writesBack.notifierIs(copy);
+  original->warmIs(true);
+  EXPECT_THROW(link.settle(), Vesk::Exception);
+  writesBack.notifierIs(nullptr);
+  EXPECT_FALSE(copy->systemFilter(Name("some"))->includedSystem("echo"));
   std::string const before = treeText(*copy);
   auto text = [](auto&& write) { return testsupport::failureText<Vesk::ReadOnlyException>(write); };
   EXPECT_EQ(text([&] { copy->serviceNameIs("other"); }),
@@ -220,6 +232,47 @@ TEST_F(Replication, AReceivedChangeIsNotEchoedToItsWriterButIsRelayedToOthers) {
   link.settle();
   EXPECT_EQ(back->size(), 0u);
   EXPECT_EQ(changeMessages(relay->bytes()), (std::vector<std::string>{"259", "262"}));
+}
+
+TEST_F(Replication, AMemberMadeAgainWithOtherParametersReplacesTheCopys) {
+  auto original = serviceMountStatusFactory(Name("agent"));
+  original->mountedPathPrefixIs(Name("/p"), "/old");
+  auto copy = serviceMountStatusFactory(Name("agent"));
+  AttrLogLink link(original, copy, Out::minCapacity);
+  link.settle();
+  for (int i = 0; link.out->continueFlowOut(); ++i) {
+    original->initialMountsCompleteIs(String("filler" + std::to_string(i)), true);
+  }
+  original->mountedPathPrefixDel(Name("/p"));
+  original->mountedPathPrefixIs(Name("/p"), "/new");
+  link.settle();
+  EXPECT_EQ(copy->mountedPathPrefix(Name("/p"))->pathPrefix(), "/new");
+  // A full send again, over a copy that holds members the writer made since.
+  original->mountedPathPrefixDel(Name("/p"));
+  original->mountedPathPrefixIs(Name("/p"), "/newer");
+  link.out->rootIs(nullptr);
+  link.out->rootIs(original);
+  link.settle();
+  EXPECT_EQ(treeText(*copy), treeText(*original));
+}
+
+TEST_F(Replication, AMemberSentAgainKeepsItsMembersBound) {
+  auto original = serviceMountStatusFactory(Name("agent"));
+  auto copy = serviceMountStatusFactory(Name("agent"));
+  AttrLogLink link(original, copy, Out::minCapacity);
+  link.settle();
+  // A new system whose group changes while the stream is full: the system is announced by
+  // a dirty key and again by its own walk, and its group's later changes still land.
+  for (int i = 0; link.out->continueFlowOut(); ++i) {
+    original->initialMountsCompleteIs(String("filler" + std::to_string(i)), true);
+  }
+  auto group = original->systemStatusIs(Name("sw"))->serviceMountGroupStatusIs(Name("g"));
+  group->mountStateIs(mountStateMounting);
+  link.settle();
+  group->mountStateIs(mountStateMounted);
+  group->mountStatusIs(Name("/m"))->mountedPathIs("/here");
+  link.settle();
+  EXPECT_EQ(treeText(*copy), treeText(*original));
 }
 
 // ---- hostile streams ----------------------------------------------------------------------
@@ -281,13 +334,46 @@ TEST_F(Replication, AHostileStreamIsRefusedAndNothingOfTheRefusedMessageIsApplie
       {"wrong root type", rootAnnouncement("Controller::MountStatus"), "into a copy of"},
       {"unknown kind", std::string("\0\0\0\x09\x09\0\0\0\x01\0\0\x01\x03", 13),
        "unknown message kind"},
+      {"an end marker without a begin marker", message(Kind::end, 1, 261, [](Writer&) {}),
+       "without a begin marker"},
+      {"a member id of the root",
+       value(261,
+             [](Writer& w) {
+               w.putText("sw2");
+               w.putEntity(1);
+             }),
+       "must be above 1"},
+      {"an entity id in use",
+       value(261,
+             [](Writer& w) {
+               w.putText("other");
+               w.putEntity(2);
+             }),
+       "is in use"},
+      {"pieces of two messages interleaved",
+       message(Kind::textPiece, 1, 259,
+               [](Writer& w) {
+                 w.put(uint32_t(0));
+                 w.putText("a");
+               }) +
+           message(Kind::textPiece, 2, 259,
+                   [](Writer& w) {
+                     w.put(uint32_t(0));
+                     w.putText("b");
+                   }),
+       "interleaved"},
   };
   for (Refusal const& r : refusals) {
     auto copy = serviceMountStatusFactory(Name("agent"));
-    std::string const before = treeText(*copy);
     Vesk::NboAttrLog::In in(copy);
-    bool const announces = std::string(r.what) != "wrong root type";
-    if (announces) in.apply(root);
+    if (std::string(r.what) != "wrong root type") {
+      in.apply(root + value(261, [](Writer& w) {
+                 w.putText("sw");
+                 w.putEntity(2);
+               }));
+    }
+    std::string const before = treeText(*copy);
+    size_t const entities = in.entities();
     std::string text;
     try {
       in.apply(r.bytes);
@@ -296,7 +382,31 @@ TEST_F(Replication, AHostileStreamIsRefusedAndNothingOfTheRefusedMessageIsApplie
     }
     EXPECT_NE(text.find(r.text), std::string::npos) << r.what << ": " << text;
     EXPECT_EQ(treeText(*copy), before) << r.what;
+    EXPECT_EQ(in.entities(), entities) << r.what;
   }
+}
+
+TEST_F(Replication, AnEnumerationValueOutOfRangeIsRefused) {
+  auto copy = serviceMountStatusFactory(Name("agent"));
+  Vesk::NboAttrLog::In in(copy);
+  auto change = [](uint32_t entity, int32_t attr, auto put) {
+    return message(Kind::change, entity, attr, put);
+  };
+  in.apply(rootAnnouncement("Controller::ServiceMountStatus") +
+           change(1, 261,
+                  [](Writer& w) {
+                    w.putText("sw");
+                    w.putEntity(2);
+                  }) +
+           change(2, 259, [](Writer& w) {
+             w.putText("g");
+             w.putEntity(3);
+           }));
+  auto group = copy->systemStatus(Name("sw"))->serviceMountGroupStatus(Name("g"));
+  std::string const text = testsupport::failureText<DecodeError>(
+      [&] { in.apply(change(3, 259, [](Writer& w) { w.put(uint32_t(0xffffffff)); })); });
+  EXPECT_NE(text.find("4294967295 is not an enumerator"), std::string::npos) << text;
+  EXPECT_EQ(group->mountState(), mountStateNotMounted);
 }
 
 TEST_F(Replication, ATruncatedMessageWaitsForTheRestOfIt) {

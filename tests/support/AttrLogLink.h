@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <functional>
+#include <stdexcept>
 #include <string>
 
 #include "framework/attrlog/In.h"
@@ -30,15 +31,17 @@ struct AttrLogLink {
     carried += used;
     return used;
   }
-  // Carries until the writer has nothing more to say.
+  // Carries until the writer has nothing more to say; a link that never settles throws.
   void settle() {
     while (carry() != 0 || !out->flowOutComplete()) {
+      if (++turns > 10'000'000) throw std::runtime_error("the attribute log link never settles");
     }
   }
 
   Vesk::Ptr<Vesk::NboAttrLog::Out> out;
   Vesk::NboAttrLog::In in;
   size_t carried = 0;
+  long turns = 0;
 };
 
 // The whole tree below `e` as text, through reflection: every attribute, every member,

@@ -139,18 +139,20 @@ void emitCollectionOfValues(Attr const& a, Vars const& v, Parts& p) {
 
 void emitCollectionOfOwned(Schema const& s, Attr const& a, Vars v, Parts& p) {
   Entity const* member = s.entity(a.type);
-  std::string putParams, readParams, args;
+  std::string putParams, readParams, args, sameParams;
   for (Attr const& param : member ? member->attrs : std::vector<Attr>{}) {
     if (param.kind != AttrKind::param) continue;
     Vars pv{{"P", param.name}, {"PT", typeInfo(s, param.type).cpp}};
     putParams += fill("        Vesk::NboAttrLog::Codec<{{PT}}>::put(w2, m.ptr()->{{P}}());\n", pv);
     readParams += fill("      {{PT}} {{P}} = m.get<{{PT}}>();\n", pv);
     args += ", " + param.name;
+    sameParams += fill(" && held->{{P}}() == {{P}}", pv);
   }
   v["M"] = a.type;
   v["PUTPARAMS"] = putParams;
   v["READPARAMS"] = readParams;
   v["ARGS"] = args;
+  v["SAME"] = "true" + sameParams;
   emitCollectionSlot(v, fill("Vesk::NboAttrLog::OwnedSlot<{{K}}>", v), "ownedChanged",
                      fill("      m.unbindMember(e.{{a}}(k).ptr());\n", v), p, a.notify);
   p.puts += fill(R"(  auto put{{A}}() {
@@ -176,6 +178,12 @@ void emitCollectionOfOwned(Schema const& s, Attr const& a, Vars v, Parts& p) {
       {{K}} k = m.get<{{K}}>();
       uint32_t const id = m.memberId();
 {{READPARAMS}}      m.done();
+      Vesk::Ptr<{{M}}> const held = e.{{a}}(k);
+      m.expectFreeId(id, held.ptr());
+      if (held && !({{SAME}})) {  // made again with other parameters: a new member
+        m.unbindMember(held.ptr());
+        e.{{a}}Del(k);
+      }
       m.bindMember(id, e.{{a}}Is(k{{ARGS}}));
       return;
     }

@@ -12,11 +12,16 @@ FlowOut::FlowOut(Out& out, Entity const& entity, uint32_t id, std::span<int32_t 
     : out_(out), entity_(entity), id_(id), slots_(slotAttrIds) {}
 
 void FlowOut::attrIdIs(int32_t attrId) {
-  next_ = slots_.size();
-  for (size_t i = 0; i < slots_.size(); ++i) {
-    if (slots_[i] == attrId) next_ = i;
+  if (attrId == 0) {
+    next_ = slots_.size();
+    return;
   }
-  if (hasWork()) waiting();
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    if (slots_[i] != attrId) continue;
+    next_ = i;
+    endOwed_ &= (uint64_t(1) << i) - 1;  // the walks from here on start afresh or resume
+    waiting();
+  }
 }
 
 void FlowOut::veskIsDirtyIs(size_t slot, bool dirty) {
@@ -27,12 +32,12 @@ void FlowOut::veskIsDirtyIs(size_t slot, bool dirty) {
 
 bool FlowOut::flowOut() {
   if (baseOwed_) {
-    bool const sent = sendMessage(0, nameAttrId, [&](Writer& w) {
-      w.putText(entity_.veskTypeName());
-      Codec<Name>::put(w, entity_.name());
-      return true;
-    });
-    if (!sent) return false;
+    if (!out_.continueFlowOut()) return false;
+    Writer w = out_.writer();
+    w.open(Kind::change, id_, nameAttrId);
+    w.putText(entity_.veskTypeName());
+    Codec<Name>::put(w, entity_.name());
+    w.close();
     baseOwed_ = false;
   }
   for (; next_ < slots_.size(); ++next_) {

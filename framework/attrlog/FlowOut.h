@@ -1,13 +1,12 @@
 // NboAttrLog::FlowOut: one entity's flow on one stream (Out.h). An entity replicated on
-// several streams has one per stream; the first of a stream's root also sends the common
+// several streams has one per stream; the flow of a stream's root first sends the common
 // attributes (its type and name), as the base adapter.
 //
 // The generated replication adapter of a type derives from it and from the type's
-// notifiee. It names
-// the type's replicated attributes as slots, in ascending attribute id (the key and the
-// constructor parameters travel with the entity's announcement instead), and implements
-// sendSlot() and sendDirtySlot() with the helpers below; everything about when to send is
-// here.
+// notifiee. It names the type's replicated attributes as slots, in ascending attribute id
+// (the key and the constructor parameters travel with the entity's announcement instead),
+// and implements sendSlot() and sendDirtySlot() with the helpers below; everything about
+// when to send is here. A type has at most 64 replicated attributes.
 //
 // FLOW-OUT. A new adapter sends its attributes in slot order. The flow stands at one slot
 // (attrId(); 0 once complete); within a collection, at a bookmark, the key at which the
@@ -63,8 +62,9 @@ class FlowOut {
 
   // The attribute id at which the flow-out stands; 0 when it is complete.
   int32_t attrId() const { return next_ < slots_.size() ? slots_[next_] : 0; }
-  // Moves the flow-out to the slot of `attrId` (0: complete); a slot it passes again is
-  // sent again.
+  // Moves the flow-out to the slot of `attrId` (0: complete); the slots from there on are
+  // sent again, a collection from its bookmark when it holds one. An id that names no slot
+  // changes nothing.
   void attrIdIs(int32_t attrId);
   bool veskIsDirty(size_t slot) const { return dirty_ >> slot & 1; }
   void veskIsDirtyIs(size_t slot, bool dirty);

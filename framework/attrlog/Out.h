@@ -7,7 +7,8 @@
 // transport drains (bytes(), consumed()). When the buffer lacks room for another message,
 // continueFlowOut() is false: sends stop where they are, changes are remembered as dirty
 // attributes and keys, and flowOut() takes them up again once room returns. The buffer only
-// exceeds its capacity by the pieces of one long text, which are written together.
+// exceeds its capacity by the pieces of one message's long texts, which are written
+// together.
 //
 // TYPICAL USAGE:
 //   Ptr<Out> out = new Out(1 << 20);

@@ -2,6 +2,8 @@
 
 #include "Template.h"
 
+#include <stdexcept>
+
 namespace vgen {
 
 namespace {
@@ -16,6 +18,10 @@ struct Parts {
 };
 
 Vars attrVars(Schema const& s, Entity const& e, Attr const& a, int id, size_t slot) {
+  if (slot > 64) {  // a flow keeps one bit per replicated attribute
+    throw std::runtime_error(s.path + ":" + std::to_string(e.line) + ": entity " + e.name +
+                             " replicates more than 64 attributes");
+  }
   Vars v{{"T", e.name},
          {"a", a.name},
          {"A", upperFirst(a.name)},

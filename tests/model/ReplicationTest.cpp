@@ -140,15 +140,19 @@ std::vector<std::string> changeMessages(std::span<char const> bytes) {
   return out;
 }
 
+// Fills the stream with changes the reader has not taken yet.
+void fillStream(AttrLogLink& link, ServiceMountStatus& original) {
+  for (int i = 0; link.out->continueFlowOut(); ++i) {
+    original.initialMountsCompleteIs(String("filler" + std::to_string(i)), true);
+  }
+}
+
 TEST_F(Replication, AMemberAddedAndDeletedWhileTheStreamIsFullIsSentOnceAsADeletion) {
   auto original = serviceMountStatusFactory(Name("agent"));
   auto copy = serviceMountStatusFactory(Name("agent"));
   AttrLogLink link(original, copy, Out::minCapacity);
   link.settle();
-  // Fill the stream with changes the reader has not taken yet.
-  for (int i = 0; link.out->continueFlowOut(); ++i) {
-    original->initialMountsCompleteIs(String("filler" + std::to_string(i)), true);
-  }
+  fillStream(link, *original);
   original->initialMountsCompleteIs("brief", true);
   original->initialMountsCompleteDel("brief");
   size_t const before = link.out->size();
@@ -240,9 +244,7 @@ TEST_F(Replication, AMemberMadeAgainWithOtherParametersReplacesTheCopys) {
   auto copy = serviceMountStatusFactory(Name("agent"));
   AttrLogLink link(original, copy, Out::minCapacity);
   link.settle();
-  for (int i = 0; link.out->continueFlowOut(); ++i) {
-    original->initialMountsCompleteIs(String("filler" + std::to_string(i)), true);
-  }
+  fillStream(link, *original);
   original->mountedPathPrefixDel(Name("/p"));
   original->mountedPathPrefixIs(Name("/p"), "/new");
   link.settle();
@@ -263,9 +265,7 @@ TEST_F(Replication, AMemberSentAgainKeepsItsMembersBound) {
   link.settle();
   // A new system whose group changes while the stream is full: the system is announced by
   // a dirty key and again by its own walk, and its group's later changes still land.
-  for (int i = 0; link.out->continueFlowOut(); ++i) {
-    original->initialMountsCompleteIs(String("filler" + std::to_string(i)), true);
-  }
+  fillStream(link, *original);
   auto group = original->systemStatusIs(Name("sw"))->serviceMountGroupStatusIs(Name("g"));
   group->mountStateIs(mountStateMounting);
   link.settle();

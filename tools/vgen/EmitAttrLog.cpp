@@ -77,6 +77,25 @@ void emitScalarSlot(Schema const& s, Attr const& a, Vars const& v, Parts& p) {
                               v);
 }
 
+// A collection's begin marker opens its walk on the reader; its end marker deletes, through
+// `unbind` and the deletion, the members the walk did not send.
+std::string markers(Vars const& v, std::string const& unbind) {
+  Vars w = v;
+  w["UNBIND"] = unbind;
+  return fill(R"(      if (m.kind() == Vesk::NboAttrLog::Kind::begin) {
+        m.done();
+        return;
+      }
+      if (m.kind() == Vesk::NboAttrLog::Kind::end) {
+        m.reconcile(e.{{a}}Members(), [&]({{K}} const& k) {
+{{UNBIND}}          e.{{a}}Del(k);
+        });
+        return;
+      }
+)",
+              w);
+}
+
 // What collections of values and of owned entities share: the walk, the dirty keys, the
 // markers and the deletion.
 void emitCollectionSlot(Vars const& v, std::string const& stateType, std::string const& changed,
@@ -112,7 +131,8 @@ void emitCollectionSlot(Vars const& v, std::string const& stateType, std::string
                   w);
 }
 
-void emitCollectionOfValues(Attr const& a, Vars const& v, Parts& p) {
+void emitCollectionOfValues(Attr const& a, Vars v, Parts& p) {
+  v["MARKERS"] = markers(v, "");
   emitCollectionSlot(v, fill("Vesk::NboAttrLog::CollectionSlot<{{K}}>", v), "memberChanged", "", p,
                      a.notify);
   p.puts += fill(R"(  auto put{{A}}() {
@@ -125,15 +145,7 @@ void emitCollectionOfValues(Attr const& a, Vars const& v, Parts& p) {
 )",
                  v);
   p.apply += fill(R"(    case {{ID}}: {
-      if (m.kind() == Vesk::NboAttrLog::Kind::begin) {
-        m.done();
-        return;
-      }
-      if (m.kind() == Vesk::NboAttrLog::Kind::end) {
-        m.reconcile(e.{{a}}Members(), [&]({{K}} const& k) { e.{{a}}Del(k); });
-        return;
-      }
-      {{K}} k = m.get<{{K}}>();
+{{MARKERS}}      {{K}} k = m.get<{{K}}>();
       {{V}} v = m.get<{{V}}>();
       m.done();
       e.{{a}}Is(k, v);
@@ -158,6 +170,7 @@ void emitCollectionOfOwned(Schema const& s, Attr const& a, Vars v, Parts& p) {
   v["PUTPARAMS"] = putParams;
   v["READPARAMS"] = readParams;
   v["ARGS"] = args;
+  v["MARKERS"] = markers(v, fill("          m.unbindMember(e.{{a}}(k).ptr());\n", v));
   v["SAME"] = "true" + sameParams;
   emitCollectionSlot(v, fill("Vesk::NboAttrLog::OwnedSlot<{{K}}>", v), "ownedChanged",
                      fill("      m.unbindMember(e.{{a}}(k).ptr());\n", v), p, a.notify);
@@ -170,18 +183,7 @@ void emitCollectionOfOwned(Schema const& s, Attr const& a, Vars v, Parts& p) {
 )",
                  v);
   p.apply += fill(R"(    case {{ID}}: {
-      if (m.kind() == Vesk::NboAttrLog::Kind::begin) {
-        m.done();
-        return;
-      }
-      if (m.kind() == Vesk::NboAttrLog::Kind::end) {
-        m.reconcile(e.{{a}}Members(), [&]({{K}} const& k) {
-          m.unbindMember(e.{{a}}(k).ptr());
-          e.{{a}}Del(k);
-        });
-        return;
-      }
-      {{K}} k = m.get<{{K}}>();
+{{MARKERS}}      {{K}} k = m.get<{{K}}>();
       uint32_t const id = m.memberId();
 {{READPARAMS}}      m.done();
       Vesk::Ptr<{{M}}> const held = e.{{a}}(k);

@@ -26,6 +26,7 @@ struct AttrLogLink {
     out->flowOut();
     auto bytes = out->bytes();
     size_t const used = in.apply(bytes.first(std::min(limit, bytes.size())));
+    if (record) record->append(bytes.data(), used);
     out->consumed(used);
     carried += used;
     return used;
@@ -39,6 +40,7 @@ struct AttrLogLink {
   Vesk::Ptr<Vesk::NboAttrLog::Out> out;
   Vesk::NboAttrLog::In in;
   size_t carried = 0;
+  std::string* record = nullptr;  // when set, every byte carried is appended to it
 };
 
 // The whole tree below `e` as text, through reflection: every attribute, every member,

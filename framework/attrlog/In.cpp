@@ -1,5 +1,7 @@
 #include "framework/attrlog/In.h"
 
+#include <optional>
+
 #include "framework/attrlog/Out.h"
 #include "framework/attrlog/TypeSupport.h"
 #include "framework/core/ReadOnly.h"
@@ -79,8 +81,8 @@ In::~In() {
 }
 
 Ptr<Entity> In::entity(uint32_t id) const {
-  auto found = bound_.find(id);
-  return found == bound_.end() ? nullptr : found->second.entity;
+  Bound const* found = bound_.find(id);
+  return found ? found->entity : nullptr;
 }
 
 size_t In::apply(std::span<char const> bytes) {
@@ -137,10 +139,10 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
     bind(1, root_, 0);
     return;
   }
-  auto found = bound_.find(entity);
-  if (found == bound_.end()) fail("no such entity");
-  Ptr<Entity> const target = found->second.entity;
-  TypeSupport const* support = typeSupport(*target);
+  Bound* found = bound_.find(entity);
+  if (!found) fail("no such entity");
+  Ptr<Entity> const target = found->entity;
+  TypeSupport const* support = supportOf(*found);
   if (!support) fail(std::string("type ") + target->veskTypeName() + " is not replicated");
   if (kind == Kind::begin) {
     if (body != end) fail("a begin marker carries no value");
@@ -149,21 +151,22 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
     open_[collectionKey(entity, attr)].seenKeys.clear();
     return;
   }
-  std::map<uint32_t, std::string> pieces = std::move(pieces_);
-  pieces_.clear();
-  pieceBytes_ = 0;
-  InMessage message(*this, kind, entity, attr, body, end, where,
-                    pieces.empty() ? nullptr : &pieces);
+  std::optional<std::map<uint32_t, std::string>> pieces;
+  if (!pieces_.empty()) {
+    pieces.emplace().swap(pieces_);
+    pieceBytes_ = 0;
+  }
+  InMessage message(*this, kind, entity, attr, body, end, where, pieces ? &*pieces : nullptr);
   // A member sent between its collection's markers is seen, once the message is applied.
   auto open = open_.end();
   std::string seenKey;
-  if (kind == Kind::change && attr > 0 && body != end) {
+  if (kind == Kind::change && attr > 0 && body != end && !open_.empty()) {
     open = open_.find(collectionKey(entity, attr));
     if (open != open_.end()) {
       size_t const keyBytes = valueSize(body, end, fail);
-      auto const leading = pieces.find(0);
-      bool const joined = leading != pieces.end() && uint8_t(*body) == tagText;
-      seenKey = joined ? wholeTextKey(leading->second + std::string(body + 5, keyBytes - 5))
+      std::string const* leading = pieces && pieces->count(0) ? &pieces->at(0) : nullptr;
+      bool const joined = leading && uint8_t(*body) == tagText;
+      seenKey = joined ? wholeTextKey(*leading + std::string(body + 5, keyBytes - 5))
                        : std::string(body, keyBytes);
     }
   }
@@ -187,7 +190,7 @@ void In::applyPiece(uint32_t entity, int32_t attr, char const* body, char const*
   auto fail = [&](std::string const& what) {
     throw DecodeError(String(where.text() + ": " + what));
   };
-  if (bound_.find(entity) == bound_.end()) fail("no such entity");
+  if (!bound_.find(entity)) fail("no such entity");
   if (!pieces_.empty() && (entity != pieceEntity_ || attr != pieceAttr_)) {
     fail("text pieces of two messages interleaved");
   }
@@ -205,31 +208,40 @@ void In::applyPiece(uint32_t entity, int32_t attr, char const* body, char const*
   pieceBytes_ += piece.size();
 }
 
+TypeSupport const* In::supportOf(Bound& bound) {
+  if (bound.supportAt != typeSupportChanges()) {
+    bound.support = typeSupport(*bound.entity);
+    bound.supportAt = typeSupportChanges();
+  }
+  return bound.support;
+}
+
 void In::bind(uint32_t id, Ptr<Entity> const& entity, uint32_t parentId) {
-  auto held = bound_.find(id);
-  if (held != bound_.end() && held->second.entity == entity) return;  // announced again
-  unbindEntity(entity.ptr());  // announced under a new id: the old one is stale
+  Bound const* held = bound_.find(id);
+  if (held && held->entity == entity) return;  // announced again
+  unbindEntity(entity.ptr());                  // announced under a new id: the old one is stale
   unbind(id);
   if (parentId) {
-    auto parent = bound_.find(parentId);
-    if (parent == bound_.end()) return;
-    parent->second.children.insert(id);
+    Bound* parent = bound_.find(parentId);
+    if (!parent) return;
+    parent->children.insert(id);
   }
-  bound_[id] = Bound{entity, parentId, {}};
+  Bound bound;
+  bound.entity = entity;
+  bound.parent = parentId;
+  bound_.emplace(id, std::move(bound));
   idOf_[entity.ptr()] = id;
   if (readOnly_) entity->veskReadOnlyIs(true);
 }
 
 void In::unbind(uint32_t id) {
-  auto found = bound_.find(id);
-  if (found == bound_.end()) return;
-  Bound bound = std::move(found->second);
-  bound_.erase(found);
+  Bound* found = bound_.find(id);
+  if (!found) return;
+  Bound bound = std::move(*found);
+  bound_.erase(id);
   idOf_.erase(bound.entity.ptr());
   open_.erase(open_.lower_bound(collectionKey(id, 0)), open_.lower_bound(collectionKey(id + 1, 0)));
-  if (auto parent = bound_.find(bound.parent); parent != bound_.end()) {
-    parent->second.children.erase(id);
-  }
+  if (Bound* parent = bound_.find(bound.parent)) parent->children.erase(id);
   // Ids are bound along the copy's own tree, so this goes as deep as the model does.
   for (uint32_t child : bound.children) unbind(child);
 }
@@ -240,8 +252,8 @@ void In::unbindEntity(Entity const* entity) {
 }
 
 bool In::boundElsewhere(uint32_t id, Entity const* entity) const {
-  auto found = bound_.find(id);
-  return found != bound_.end() && found->second.entity.ptr() != entity;
+  Bound const* found = bound_.find(id);
+  return found && found->entity.ptr() != entity;
 }
 
 // ---- InMessage ----------------------------------------------------------------------------

@@ -32,12 +32,14 @@
 #include "framework/attrlog/Wire.h"
 #include "framework/core/Entity.h"
 #include "framework/core/Exception.h"
+#include "framework/core/HashMap.h"
 #include "framework/core/Ptr.h"
 
 namespace Vesk::NboAttrLog {
 
 class Out;
 class InMessage;
+struct TypeSupport;
 
 class In {
  public:
@@ -61,8 +63,11 @@ class In {
   friend class InMessage;
   struct Bound {
     Ptr<Entity> entity;
-    uint32_t parent;
+    uint32_t parent = 0;
     std::unordered_set<uint32_t> children;
+    // The entity's type support, as looked up when typeSupportChanges() was supportAt.
+    TypeSupport const* support = nullptr;
+    uint64_t supportAt = UINT64_MAX;
   };
   struct OpenCollection {
     std::unordered_set<std::string> seenKeys;
@@ -71,6 +76,7 @@ class In {
   void applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, char const* end);
   void applyPiece(uint32_t entity, int32_t attr, char const* body, char const* end,
                   Where const& where);
+  static TypeSupport const* supportOf(Bound& bound);
   void bind(uint32_t id, Ptr<Entity> const& entity, uint32_t parentId);
   void unbind(uint32_t id);
   void unbindEntity(Entity const* entity);
@@ -83,7 +89,7 @@ class In {
   Ptr<Entity> root_;
   bool const readOnly_;
   Out* replyOut_ = nullptr;
-  std::unordered_map<uint32_t, Bound> bound_;
+  HashMap<uint32_t, Bound> bound_;
   std::unordered_map<Entity const*, uint32_t> idOf_;
   std::map<uint64_t, OpenCollection> open_;  // by entity, then attribute
   // Long texts arriving in pieces for the next message: whose, and each text so far by its

@@ -137,10 +137,6 @@ void Out::flowOut() {
   }
 }
 
-bool Out::handlingFlowInFor(Entity const* entity, int32_t attrId) const {
-  return flowInEntity_ == entity && (flowInAttr_ == attrId || flowInAttr_ == -attrId);
-}
-
 FlowOut* Out::flowOf(Entity const* entity) const {
   auto found = adapters_.find(entity);
   return found == adapters_.end() ? nullptr : found->second.get();

@@ -90,7 +90,9 @@ class Out : public PtrInterface {
   void waitingIs(FlowOut& adapter);
   // While a received change is being applied for this stream's reader (see In::replyOutIs),
   // adapters do not send it back.
-  bool handlingFlowInFor(Entity const* entity, int32_t attrId) const;
+  bool handlingFlowInFor(Entity const* entity, int32_t attrId) const {
+    return flowInEntity_ == entity && (flowInAttr_ == attrId || flowInAttr_ == -attrId);
+  }
   void handlingFlowInIs(Entity const* entity, int32_t attrId) {
     flowInEntity_ = entity;
     flowInAttr_ = attrId;

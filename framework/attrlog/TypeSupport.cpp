@@ -14,6 +14,7 @@ std::unordered_map<TypeDescription const*, TypeSupport const*>& enabledTypes() {
 }  // namespace
 
 void typeSupportIs(TypeSupport const& support, bool enabled) {
+  ++typeSupportChangeCount;
   if (enabled) {
     enabledTypes()[&support.type] = &support;
   } else {

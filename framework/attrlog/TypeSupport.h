@@ -6,6 +6,7 @@
 // member of another type is left out of its collection's replication.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "framework/core/Entity.h"
@@ -27,5 +28,9 @@ struct TypeSupport {
 void typeSupportIs(TypeSupport const& support, bool enabled);
 // The support of the entity's type when it is enabled, or null.
 TypeSupport const* typeSupport(Entity const& entity);
+
+inline uint64_t typeSupportChangeCount = 0;  // calls of typeSupportIs so far
+// The answers of typeSupport() hold while this count stands, so a reader may keep them.
+inline uint64_t typeSupportChanges() { return typeSupportChangeCount; }
 
 }  // namespace Vesk::NboAttrLog

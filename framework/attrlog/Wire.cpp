@@ -52,75 +52,28 @@ void Reader::fail(std::string const& what) const {
   throw DecodeError(String(where_.text() + ": " + what));
 }
 
-void Reader::need(size_t n, char const* what) {
-  if (size_t(end_ - p_) < n) {
-    fail(std::string("truncated ") + what + ": " + std::to_string(n) + " bytes needed, " +
-         std::to_string(end_ - p_) + " left");
-  }
+void Reader::truncated(size_t n, char const* what) const {
+  fail(std::string("truncated ") + what + ": " + std::to_string(n) + " bytes needed, " +
+       std::to_string(end_ - p_) + " left");
 }
 
-void Reader::expectTag(Tag tag) {
-  need(1, "value");
+void Reader::wrongTag(Tag tag) const {
+  if (p_ == end_) truncated(1, "value");
   uint8_t const found = uint8_t(*p_);
-  if (found != tag) {
-    fail(std::string("expected a ") + tagName(tag) + " value, found " + tagName(found) + " (" +
-         std::to_string(found) + ")");
-  }
-  ++p_;
+  fail(std::string("expected a ") + tagName(tag) + " value, found " + tagName(found) + " (" +
+       std::to_string(found) + ")");
 }
 
-uint32_t Reader::u32Raw() {
-  uint32_t const v = readU32(p_);
-  p_ += 4;
-  return v;
+void Reader::notABool(uint8_t v) const {
+  fail("a bool must be 0 or 1, found " + std::to_string(v));
 }
 
-bool Reader::getBool() {
-  expectTag(tagBool);
-  ++values_;
-  need(1, "bool");
-  uint8_t const v = uint8_t(*p_++);
-  if (v > 1) fail("a bool must be 0 or 1, found " + std::to_string(v));
-  return v == 1;
-}
-
-uint32_t Reader::getU32() {
-  expectTag(tagU32);
-  ++values_;
-  need(4, "u32");
-  return u32Raw();
-}
-
-uint64_t Reader::getU64() {
-  expectTag(tagU64);
-  ++values_;
-  need(8, "u64");
-  uint64_t const high = u32Raw();
-  return high << 32 | u32Raw();
-}
-
-double Reader::getDouble() {
-  expectTag(tagDouble);
-  ++values_;
-  need(8, "double");
-  uint64_t const high = u32Raw();
-  uint64_t const bits = high << 32 | u32Raw();
-  double v;
-  std::memcpy(&v, &bits, sizeof v);
-  return v;
-}
-
-uint32_t Reader::getEntity() {
-  expectTag(tagEntity);
-  ++values_;
-  need(4, "entity reference");
-  return u32Raw();
+void Reader::trailingBytes() const {
+  fail(std::to_string(end_ - p_) + " unexpected bytes after the last value");
 }
 
 std::string_view Reader::getText() {
-  expectTag(tagText);
-  ++values_;
-  need(4, "text length");
+  value(tagText, 4, "text length");
   uint32_t const n = u32Raw();
   if (n > maxTextPieceBytes) {
     fail("text of " + std::to_string(n) + " bytes exceeds the limit of " +
@@ -130,10 +83,6 @@ std::string_view Reader::getText() {
   std::string_view const s(p_, n);
   p_ += n;
   return s;
-}
-
-void Reader::expectEnd() {
-  if (!atEnd()) fail(std::to_string(end_ - p_) + " unexpected bytes after the last value");
 }
 
 }  // namespace Vesk::NboAttrLog

@@ -65,7 +65,16 @@ class DecodeError : public Exception {
   using Exception::Exception;
 };
 
-// Appends messages to a byte string.
+inline uint32_t readU32(char const* p) {
+  auto const* b = reinterpret_cast<unsigned char const*>(p);
+  return uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | uint32_t(b[3]);
+}
+inline void writeU32(char* p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = char(v >> (24 - 8 * i));
+}
+
+// Appends messages to a byte string. A header, and a value's tag with its number or its
+// text's length, each go in with one append.
 class Writer {
  public:
   explicit Writer(std::string& out) : out_(out) {}
@@ -76,48 +85,25 @@ class Writer {
     values_ = 0;
     entity_ = entity;
     attr_ = attr;
-    putU32Raw(0);
-    out_.push_back(char(kind));
-    putU32Raw(entity);
-    putU32Raw(uint32_t(attr));
+    char header[headerBytes] = {0, 0, 0, 0, char(kind)};
+    writeU32(header + 5, entity);
+    writeU32(header + 9, uint32_t(attr));
+    out_.append(header, headerBytes);
   }
-  void close() {
-    uint32_t const length = uint32_t(out_.size() - start_ - 4);
-    for (int i = 0; i < 4; ++i) out_[start_ + i] = char(length >> (24 - 8 * i));
-  }
+  void close() { writeU32(out_.data() + start_, uint32_t(out_.size() - start_ - 4)); }
 
-  void put(bool v) {
-    ++values_;
-    out_.push_back(char(tagBool));
-    out_.push_back(char(v ? 1 : 0));
-  }
-  void put(uint32_t v) {
-    ++values_;
-    out_.push_back(char(tagU32));
-    putU32Raw(v);
-  }
-  void put(uint64_t v) {
-    ++values_;
-    out_.push_back(char(tagU64));
-    putU64Raw(v);
-  }
+  void put(bool v) { putValue(tagBool, v ? 1 : 0, 1); }
+  void put(uint32_t v) { putValue(tagU32, v, 4); }
+  void put(uint64_t v) { putValue(tagU64, v, 8); }
   void put(double v) {
-    ++values_;
     uint64_t bits;
     std::memcpy(&bits, &v, sizeof bits);
-    out_.push_back(char(tagDouble));
-    putU64Raw(bits);
+    putValue(tagDouble, bits, 8);
   }
-  void putEntity(uint32_t id) {
-    ++values_;
-    out_.push_back(char(tagEntity));
-    putU32Raw(id);
-  }
+  void putEntity(uint32_t id) { putValue(tagEntity, id, 4); }
   // A text of at most maxTextPieceBytes; longer ones go through putLongText.
   void putText(std::string_view s) {
-    ++values_;
-    out_.push_back(char(tagText));
-    putU32Raw(uint32_t(s.size()));
+    putValue(tagText, s.size(), 4);
     out_.append(s);
   }
   // A text of any length: all but its last piece go out as text-piece messages ahead of
@@ -127,13 +113,12 @@ class Writer {
   size_t messageStart() const { return start_; }
 
  private:
-  void putU32Raw(uint32_t v) {
-    char b[4] = {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
-    out_.append(b, 4);
-  }
-  void putU64Raw(uint64_t v) {
-    putU32Raw(uint32_t(v >> 32));
-    putU32Raw(uint32_t(v));
+  // A tag and the `bytes` low bytes of v, most significant first.
+  void putValue(Tag tag, uint64_t v, int bytes) {
+    ++values_;
+    char value[9] = {char(tag)};
+    for (int i = 0; i < bytes; ++i) value[1 + i] = char(v >> (8 * (bytes - 1 - i)));
+    out_.append(value, size_t(1 + bytes));
   }
 
   std::string& out_;
@@ -153,7 +138,8 @@ struct Where {
 };
 
 // Reads the values of one message body. Every read checks the tag and the bounds and throws
-// DecodeError naming what it expected and found; `where` prefixes each text.
+// DecodeError naming what it expected and found; `where` prefixes each text. The reader keeps
+// a reference to `where`, which must outlive it.
 class Reader {
  public:
   Reader(char const* begin, char const* end, Where const& where)
@@ -162,30 +148,71 @@ class Reader {
   bool atEnd() const { return p_ == end_; }
   // Values read so far: the position of the next one.
   uint32_t valuesRead() const { return values_; }
-  bool getBool();
-  uint32_t getU32();
-  uint64_t getU64();
-  double getDouble();
-  uint32_t getEntity();
+  bool getBool() {
+    value(tagBool, 1, "bool");
+    uint8_t const v = uint8_t(*p_++);
+    if (v > 1) [[unlikely]]
+      notABool(v);
+    return v == 1;
+  }
+  uint32_t getU32() {
+    value(tagU32, 4, "u32");
+    return u32Raw();
+  }
+  uint64_t getU64() {
+    value(tagU64, 8, "u64");
+    return u64Raw();
+  }
+  double getDouble() {
+    value(tagDouble, 8, "double");
+    uint64_t const bits = u64Raw();
+    double v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+  }
+  uint32_t getEntity() {
+    value(tagEntity, 4, "entity reference");
+    return u32Raw();
+  }
   std::string_view getText();
   // Throws unless every value of the message has been read.
-  void expectEnd();
+  void expectEnd() {
+    if (!atEnd()) [[unlikely]]
+      trailingBytes();
+  }
   [[noreturn]] void fail(std::string const& what) const;
 
  private:
-  void expectTag(Tag tag);
-  void need(size_t n, char const* what);
-  uint32_t u32Raw();
+  // Takes the next value's tag, which must be `tag`, and checks that n bytes of it follow.
+  void value(Tag tag, size_t n, char const* what) {
+    if (p_ == end_ || uint8_t(*p_) != tag) [[unlikely]]
+      wrongTag(tag);
+    ++p_;
+    ++values_;
+    need(n, what);
+  }
+  void need(size_t n, char const* what) {
+    if (size_t(end_ - p_) < n) [[unlikely]]
+      truncated(n, what);
+  }
+  uint32_t u32Raw() {
+    uint32_t const v = readU32(p_);
+    p_ += 4;
+    return v;
+  }
+  uint64_t u64Raw() {
+    uint64_t const high = u32Raw();
+    return high << 32 | u32Raw();
+  }
+  [[noreturn]] void wrongTag(Tag tag) const;
+  [[noreturn]] void truncated(size_t n, char const* what) const;
+  [[noreturn]] void notABool(uint8_t v) const;
+  [[noreturn]] void trailingBytes() const;
 
   char const* p_;
   char const* end_;
-  Where where_;
+  Where const& where_;
   uint32_t values_ = 0;
 };
-
-inline uint32_t readU32(char const* p) {
-  auto const* b = reinterpret_cast<unsigned char const*>(p);
-  return uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | uint32_t(b[3]);
-}
 
 }  // namespace Vesk::NboAttrLog

@@ -409,6 +409,19 @@ TEST_F(Replication, AnEnumerationValueOutOfRangeIsRefused) {
   EXPECT_EQ(group->mountState(), mountStateNotMounted);
 }
 
+TEST_F(Replication, AChangeToATypeNoLongerReplicatedIsRefused) {
+  auto original = serviceMountStatusFactory(Name("agent"));
+  auto copy = serviceMountStatusFactory(Name("agent"));
+  AttrLogLink link(original, copy);
+  original->serviceNameIs("before");
+  link.settle();
+  ServiceMountStatus::veskNboAttrLogSaIs(false);  // the writer's adapter stays and sends
+  original->serviceNameIs("after");
+  EXPECT_NE(testsupport::failureText<DecodeError>([&] { link.carry(); }).find("is not replicated"),
+            std::string::npos);
+  EXPECT_EQ(copy->serviceName(), "before");
+}
+
 TEST_F(Replication, ATruncatedMessageWaitsForTheRestOfIt) {
   auto copy = serviceMountStatusFactory(Name("agent"));
   Vesk::NboAttrLog::In in(copy);

@@ -27,6 +27,7 @@ struct AttrLogLink {
     out->flowOut();
     auto bytes = out->bytes();
     size_t const used = in.apply(bytes.first(std::min(limit, bytes.size())));
+    if (record) record->append(bytes.data(), used);
     out->consumed(used);
     carried += used;
     return used;
@@ -42,6 +43,7 @@ struct AttrLogLink {
   Vesk::NboAttrLog::In in;
   size_t carried = 0;
   long turns = 0;
+  std::string* record = nullptr;  // when set, every byte carried is appended to it
 };
 
 // The whole tree below `e` as text, through reflection: every attribute, every member,

@@ -259,7 +259,8 @@ class {{T}}AttrLog final : public Vesk::NboAttrLog::FlowOut, public {{T}}::Notif
     return true;
   }
 
-  {{T}} const& e_;
+  // Unread in a type whose every attribute travels with its announcement.
+  [[maybe_unused]] {{T}} const& e_;
 {{STATE}}};
 
 std::unique_ptr<Vesk::NboAttrLog::FlowOut> make{{T}}AttrLog(Vesk::NboAttrLog::Out& out,

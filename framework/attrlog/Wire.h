@@ -39,12 +39,15 @@
 #include <string>
 #include <string_view>
 
+#include "framework/core/Assert.h"
 #include "framework/core/Exception.h"
 #include "framework/core/String.h"
 
 namespace Vesk::NboAttrLog {
 
-inline constexpr size_t maxTextPieceBytes = 16 * 1024;
+// A message holds a dozen texts of a piece each with room to spare, so that an entity whose
+// key and parameters are all long still goes in one message.
+inline constexpr size_t maxTextPieceBytes = 4 * 1024;
 inline constexpr size_t maxTextBytes = 16 * 1024 * 1024;
 inline constexpr size_t maxMessageBytes = 64 * 1024;  // after the length field
 inline constexpr size_t headerBytes = 4 + 1 + 4 + 4;  // length, kind, entity, attr
@@ -90,7 +93,11 @@ class Writer {
     writeU32(header + 9, uint32_t(attr));
     out_.append(header, headerBytes);
   }
-  void close() { writeU32(out_.data() + start_, uint32_t(out_.size() - start_ - 4)); }
+  void close() {
+    size_t const length = out_.size() - start_ - 4;
+    VESK_ASSERT(length <= maxMessageBytes);
+    writeU32(out_.data() + start_, uint32_t(length));
+  }
 
   void put(bool v) { putValue(tagBool, v ? 1 : 0, 1); }
   void put(uint32_t v) { putValue(tagU32, v, 4); }

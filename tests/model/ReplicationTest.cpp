@@ -61,8 +61,9 @@ TEST_F(Replication, ACopyConvergesAfterEveryKindOfChange) {
   auto group = original->mountGroupConfig(Name("g"));
   original->warmIs(true);
   original->serviceNameIs(String(std::string(40000, 'x')));  // travels in pieces
-  group->mountConfigIs(Name("/long"), String(std::string(20000, 'a')), "",
-                       String(std::string(50000, 'b')));  // two long texts in one message
+  // A key and three parameters, all long, in one announcement.
+  group->mountConfigIs(Name(std::string(16384, 'k')), String(std::string(16384, 'a')),
+                       String(std::string(16384, 'c')), String(std::string(50000, 'b')));
   group->mountConfigDel(Name("/p3"));
   group->mountConfigIs(Name("/new"), "Vesk::Dir", "ro", "/t/new");
   group->systemFilterIs(nullptr);

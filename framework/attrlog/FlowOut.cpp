@@ -4,10 +4,6 @@
 
 namespace Vesk::NboAttrLog {
 
-namespace {
-constexpr int32_t nameAttrId = 253;  // the common attribute that carries type and name
-}  // namespace
-
 FlowOut::FlowOut(Out& out, Entity const& entity, uint32_t id, std::span<int32_t const> slotAttrIds)
     : out_(out), entity_(entity), id_(id), slots_(slotAttrIds) {}
 
@@ -34,7 +30,7 @@ bool FlowOut::flowOut() {
   if (baseOwed_) {
     if (!out_.continueFlowOut()) return false;
     Writer w = out_.writer();
-    w.open(Kind::change, id_, nameAttrId);
+    w.open(Kind::change, id_, rootAttrId);
     w.putText(entity_.veskTypeName());
     Codec<Name>::put(w, entity_.name());
     w.close();

@@ -10,8 +10,6 @@ namespace Vesk::NboAttrLog {
 
 namespace {
 
-constexpr int32_t nameAttrId = 253;
-
 // The size of the value at p (tag included); throws through `fail` when it runs past end.
 template <class Fail>
 size_t valueSize(char const* p, char const* end, Fail&& fail) {
@@ -122,7 +120,7 @@ void In::applyOne(Kind kind, uint32_t entity, int32_t attr, char const* body, ch
   if (!pieces_.empty() && (entity != pieceEntity_ || attr != pieceAttr_ || kind != Kind::change)) {
     fail("text pieces not followed by their message");
   }
-  if (entity == 1 && attr == nameAttrId && kind == Kind::change) {
+  if (entity == 1 && attr == rootAttrId && kind == Kind::change) {
     Reader r(body, end, where);
     std::string_view const type = r.getText();
     r.getText();

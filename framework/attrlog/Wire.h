@@ -52,6 +52,10 @@ inline constexpr size_t maxTextBytes = 16 * 1024 * 1024;
 inline constexpr size_t maxMessageBytes = 64 * 1024;  // after the length field
 inline constexpr size_t headerBytes = 4 + 1 + 4 + 4;  // length, kind, entity, attr
 
+// The root's announcement: a change of the common attribute `name` (253) of entity 1,
+// carrying the root's type and name as two texts. It starts a full send.
+inline constexpr int32_t rootAttrId = 253;
+
 enum class Kind : uint8_t { change = 1, begin = 2, end = 3, textPiece = 4 };
 
 enum Tag : uint8_t {

@@ -40,6 +40,11 @@ int main(int argc, char** argv) {
                  "messages were not kept\n",
                  d.lostDescriptors);
   }
+  if (d.lostMessages) {
+    std::fprintf(stderr,
+                 "flitread: the ring wrapped; %llu earlier messages were dropped to make room\n",
+                 static_cast<unsigned long long>(d.lostMessages));
+  }
   if (std::fflush(stdout) != 0) return 1;
   if (!d.ok()) {
     std::fprintf(stderr, "flitread: %s: %s\n", argv[1], d.error.c_str());

@@ -105,6 +105,9 @@ Flitlog* Flitlog::open(String const& path, size_t bytes) {
   if (bytes < flit::minFileBytes) {
     throwRangeException("a flitlog trace file needs at least 16384 bytes");
   }
+  if (bytes > flit::maxFileBytes) {
+    throwRangeException("a flitlog trace file holds at most 1073741824 bytes");
+  }
   std::unique_ptr<Flitlog> log(new Flitlog(path, bytes));
   if (!path.empty()) log->out_ = createFile(path, {log->image_, log->imageBytes_});
   return log.release();

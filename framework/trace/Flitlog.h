@@ -67,10 +67,10 @@ class Flitlog {
 
   // Makes `path`, `bytes` long, the current trace file. An existing file is truncated and
   // started afresh. `bytes` is rounded down to a multiple of 8 and must be at least
-  // flit::minFileBytes (RangeException). An empty path keeps the image in memory only.
-  // Throws Exception when the memory cannot be had or the file cannot be created and
-  // written whole; the previous file then stays. Otherwise the previous image is written to
-  // its file, which is then closed.
+  // flit::minFileBytes and at most flit::maxFileBytes (RangeException). An empty path keeps the
+  // image in memory only. Throws Exception when the memory cannot be had or the file cannot be
+  // created and written whole; the previous file then stays. Otherwise the previous image is
+  // written to its file, which is then closed.
   static void fileIs(String const& path, size_t bytes = defaultBytes);
   // The current file's path; empty when the image stays in memory.
   static String file();

@@ -37,6 +37,8 @@ inline constexpr uint32_t formatVersion = 1;
 inline constexpr size_t headerAreaBytes = 256;
 // The smallest file fileIs() accepts; a quarter of a file holds descriptors.
 inline constexpr size_t minFileBytes = 16 * 1024;
+// The largest; a reader reads no more than this of anything it is given.
+inline constexpr size_t maxFileBytes = size_t(1) << 30;
 
 struct Header {
   char magic[8];

@@ -205,11 +205,37 @@ FlitDecoding decodeFlitlog(std::span<std::byte const> image) {
       result.error = "damaged message record at ring position " + std::to_string(pos);
       return result;
     }
+    if (result.messages.empty()) result.lostMessages = msg.sequence;
     result.messages.push_back(std::move(msg));
     pos += m.bytes;
   }
   return result;
 }
+
+namespace {
+
+// Reads up to `bytes` more bytes of f into `into`; false on a read error.
+bool readUpTo(std::FILE* f, std::vector<std::byte>& into, size_t bytes) {
+  size_t const start = into.size();
+  into.resize(start + bytes);
+  size_t const n = std::fread(into.data() + start, 1, bytes, f);
+  into.resize(start + n);
+  return !std::ferror(f);
+}
+
+std::string checkedFileLength(std::vector<std::byte> const& head, uint64_t& fileBytes) {
+  if (head.size() < flit::headerAreaBytes) return "truncated: too short for a flitlog header";
+  flit::Header h;
+  std::memcpy(&h, head.data(), sizeof h);
+  if (std::memcmp(h.magic, flit::magic, sizeof h.magic) != 0) return "not a flitlog trace file";
+  if (h.fileBytes < flit::headerAreaBytes || h.fileBytes > flit::maxFileBytes) {
+    return "damaged flitlog header: a file length of " + std::to_string(h.fileBytes) + " bytes";
+  }
+  fileBytes = h.fileBytes;
+  return "";
+}
+
+}  // namespace
 
 FlitDecoding readFlitlogFile(std::string const& path) {
   FlitDecoding result;
@@ -219,13 +245,19 @@ FlitDecoding readFlitlogFile(std::string const& path) {
     return result;
   }
   std::vector<std::byte> bytes;
-  std::byte buf[1 << 16];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) bytes.insert(bytes.end(), buf, buf + n);
-  bool const failed = std::ferror(f);
+  uint64_t fileBytes = 0;
+  bool readOk = readUpTo(f, bytes, flit::headerAreaBytes);
+  if (readOk) result.error = checkedFileLength(bytes, fileBytes);
+  if (readOk && result.ok()) readOk = readUpTo(f, bytes, fileBytes - bytes.size());
   std::fclose(f);
-  if (failed) {
+  if (!readOk) {
     result.error = "cannot read " + path;
+    return result;
+  }
+  if (!result.ok()) return result;
+  if (bytes.size() < fileBytes) {
+    result.error = "truncated: " + std::to_string(bytes.size()) + " of the " +
+                   std::to_string(fileBytes) + " bytes its header announces";
     return result;
   }
   return decodeFlitlog(bytes);

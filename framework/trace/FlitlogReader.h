@@ -34,12 +34,18 @@ struct FlitMessage {
 struct FlitDecoding {
   std::vector<FlitMessage> messages;
   uint32_t lostDescriptors = 0;  // call sites the writer could not register (area full)
-  std::string error;             // empty when the whole image decoded
+  // Messages the ring dropped to make room before the oldest one kept; nonzero once the
+  // ring has wrapped.
+  uint64_t lostMessages = 0;
+  std::string error;  // empty when the whole image decoded
   bool ok() const { return error.empty(); }
 };
 
 FlitDecoding decodeFlitlog(std::span<std::byte const> image);
 // Reads and decodes the file at `path`; an unreadable file is an error like a damaged one.
+// It reads the header first and then no more than the file the header announces (at most
+// flit::maxFileBytes), so a stream that never ends, or a file that is not a trace, is
+// refused without being read whole; a file shorter than its header says is "truncated".
 FlitDecoding readFlitlogFile(std::string const& path);
 
 }  // namespace Vesk

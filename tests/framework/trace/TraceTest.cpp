@@ -476,6 +476,29 @@ TEST_F(TraceFileTest, FileHoldsTheImageOfTheLastFlush) {
   EXPECT_EQ(textsOf(readFlitlogFile(path)), (std::vector<std::string>{"peer 1", "peer 2"}));
 }
 
+// A reader says what it was given: a ring that wrapped and how much it dropped, a file cut
+// short, and something that is no trace at all, read no further than a header.
+TEST_F(TraceFileTest, TheReaderSaysWhatItWasGiven) {
+  TraceHandle h("TraceTestWrap", true);
+  std::string const path = file("wrap.flit");
+  int const traced = 2000;  // far more than a smallest file's ring holds
+  for (int peer = 0; peer < traced; ++peer) tracePeer(h, peer);
+  Flitlog::flush();
+  FlitDecoding const d = readFlitlogFile(path);
+  ASSERT_TRUE(d.ok()) << d.error;
+  ASSERT_GT(d.lostMessages, 0u);
+  EXPECT_EQ(d.lostMessages + d.messages.size(), size_t(traced));
+  EXPECT_EQ(d.messages.front().text, "peer " + std::to_string(d.lostMessages));
+
+  std::string const cut = tempPath("cut.flit");
+  std::filesystem::copy_file(path, cut, std::filesystem::copy_options::overwrite_existing);
+  std::filesystem::resize_file(cut, flit::minFileBytes / 2);
+  EXPECT_EQ(readFlitlogFile(cut).error.rfind("truncated: 8192 of the 16384 bytes", 0), 0u)
+      << readFlitlogFile(cut).error;
+  std::remove(cut.c_str());
+  EXPECT_EQ(readFlitlogFile("/dev/zero").error, "not a flitlog trace file");
+}
+
 TEST_F(TraceFileTest, MessagesSurviveAFailedAssertion) {
   std::string const path = file("crash.flit", /*traceTo=*/false);
   EXPECT_DEATH(

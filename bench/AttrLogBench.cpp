@@ -130,19 +130,6 @@ void BM_FullSendLocal(benchmark::State& state) {
 }
 BENCHMARK(BM_FullSendLocal)->Iterations(3)->Unit(benchmark::kMillisecond);
 
-double unitNs(benchmark::TimeUnit unit) {
-  switch (unit) {
-    case benchmark::kSecond:
-      return 1e9;
-    case benchmark::kMillisecond:
-      return 1e6;
-    case benchmark::kMicrosecond:
-      return 1e3;
-    default:
-      return 1;
-  }
-}
-
 // Adds the subject's ratio against the baseline reported before it: per run, and for the
 // mean and the median of repetitions, against the baseline's.
 void addRatio(VeskBench::Runs& runs, std::map<std::string, double>& baselines) {
@@ -155,7 +142,7 @@ void addRatio(VeskBench::Runs& runs, std::map<std::string, double>& baselines) {
     }
     std::string const name = run.run_name.function_name;
     std::string const kind = aggregate ? run.aggregate_name : "";
-    double const ns = run.GetAdjustedCPUTime() * unitNs(run.time_unit);
+    double const ns = run.GetAdjustedCPUTime() * VeskBench::unitNs(run.time_unit);
     if (name == "BM_Memcpy") baselines[kind] = ns;
     if (name == "BM_EncodeApply" && baselines.count(kind)) {
       run.counters["ratio_vs_memcpy"] = benchmark::Counter(ns / baselines[kind]);

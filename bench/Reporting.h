@@ -23,6 +23,20 @@
 namespace VeskBench {
 
 using Runs = std::vector<benchmark::BenchmarkReporter::Run>;
+
+// Nanoseconds in one of a run's time units, to compare runs reported in different units.
+inline double unitNs(benchmark::TimeUnit unit) {
+  switch (unit) {
+    case benchmark::kSecond:
+      return 1e9;
+    case benchmark::kMillisecond:
+      return 1e6;
+    case benchmark::kMicrosecond:
+      return 1e3;
+    default:
+      return 1;
+  }
+}
 // Called with each set of runs in the order they are reported; each reporter has a copy of
 // its own, so the function may keep what it saw of earlier sets.
 using Amend = std::function<void(Runs&)>;

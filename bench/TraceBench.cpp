@@ -71,19 +71,6 @@ void BM_FlitlogThreeArgs(benchmark::State& state) {
 }
 BENCHMARK(BM_FlitlogThreeArgs);
 
-double unitNs(benchmark::TimeUnit unit) {
-  switch (unit) {
-    case benchmark::kSecond:
-      return 1e9;
-    case benchmark::kMillisecond:
-      return 1e6;
-    case benchmark::kMicrosecond:
-      return 1e3;
-    default:
-      return 1;
-  }
-}
-
 // Adds each subject's ratio against the baseline reported before it.
 void addRatios(VeskBench::Runs& runs, std::map<std::string, double>& baselines) {
   for (auto& run : runs) {
@@ -91,7 +78,7 @@ void addRatios(VeskBench::Runs& runs, std::map<std::string, double>& baselines) 
       continue;
     }
     std::string const name = run.run_name.function_name;
-    double const ns = run.GetAdjustedCPUTime() * unitNs(run.time_unit);
+    double const ns = run.GetAdjustedCPUTime() * VeskBench::unitNs(run.time_unit);
     if (name == "BM_EmptyLoop" || name == "BM_Snprintf") baselines[name] = ns;
     if (name == "BM_TraceDisabled" && baselines.count("BM_EmptyLoop")) {
       double const base = baselines["BM_EmptyLoop"];

@@ -471,11 +471,13 @@ Vesk::TypeDescription const& {{T}}::veskTypeDescription() const { return {{t}}Ty
 
 EntityText emitEnum(Enum const& en) {
   Vars v{{"E", en.name}, {"QE", en.qualified()}, {"NS", en.ns}};
-  std::string values, rows;
+  std::string values, rows, cases;
   for (auto const& [name, value] : en.values) {
     values += "  " + name + " = " + std::to_string(value) + ",\n";
     rows += "    {" + std::to_string(value) + ", \"" + name + "\"},\n";
+    cases += "    case " + std::to_string(value) + ":\n";
   }
+  v["CASES"] = cases;
   v["VALUES"] = values;
   v["ROWS"] = rows;
   EntityText out;
@@ -511,8 +513,8 @@ Vesk::EnumDescription const {{E}}Description{"{{QE}}", {{E}}Values};
 Vesk::String valueToStrep({{E}} v) { return {{E}}Description.valueToStrep(uint32_t(v)); }
 
 bool veskIsValue({{E}} v) {
-  for (auto const& known : {{E}}Values) {
-    if (known.value == uint32_t(v)) return true;
+  switch (uint32_t(v)) {
+{{CASES}}      return true;
   }
   return false;
 }

@@ -61,8 +61,15 @@ struct Codec<E, std::enable_if_t<std::is_enum_v<E>>> {
   template <class M>
   static E get(M& m) {
     E const v = E(m.reader().getU32());
-    if (!veskIsValue(v)) m.fail(std::to_string(uint32_t(v)) + " is not an enumerator");
+    if (!veskIsValue(v)) [[unlikely]]
+      notAnEnumerator(m, uint32_t(v));
     return v;
+  }
+
+ private:
+  template <class M>
+  [[noreturn, gnu::noinline, gnu::cold]] static void notAnEnumerator(M& m, uint32_t v) {
+    m.fail(std::to_string(v) + " is not an enumerator");
   }
 };
 

@@ -97,9 +97,15 @@ class Writer {
     writeU32(header + 9, uint32_t(attr));
     out_.append(header, headerBytes);
   }
+  // A message over the limit is the writer's fault: an invariant, which stops the process.
+  [[noreturn, gnu::noinline, gnu::cold]] static void messageTooLong(size_t length) {
+    VESK_ASSERT(length <= maxMessageBytes);
+    __builtin_unreachable();
+  }
   void close() {
     size_t const length = out_.size() - start_ - 4;
-    VESK_ASSERT(length <= maxMessageBytes);
+    if (length > maxMessageBytes) [[unlikely]]
+      messageTooLong(length);
     writeU32(out_.data() + start_, uint32_t(length));
   }
 

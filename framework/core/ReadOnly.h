@@ -13,7 +13,7 @@
 namespace Vesk {
 
 // The entity a received change is being applied to on this thread, or null.
-inline thread_local Entity const* remoteWriteTarget = nullptr;
+inline constinit thread_local Entity const* remoteWriteTarget = nullptr;
 
 [[noreturn]] void throwReadOnly(Entity const& entity, char const* attr);
 

@@ -489,7 +489,12 @@ enum {{E}} : uint32_t {
 extern Vesk::EnumDescription const {{E}}Description;
 Vesk::String valueToStrep({{E}} v);
 // Whether v is one of the enumerators (a received value may be anything).
-bool veskIsValue({{E}} v);
+inline bool veskIsValue({{E}} v) {
+  switch (uint32_t(v)) {
+{{CASES}}      return true;
+  }
+  return false;
+}
 // Parses an enumerator name or number; false when the text is neither.
 bool sequenceToValue(char const* begin, char const* end, {{E}}& out);
 // The value of a number or a name; throws Vesk::RangeException for anything else.
@@ -512,12 +517,6 @@ Vesk::EnumDescription const {{E}}Description{"{{QE}}", {{E}}Values};
 
 Vesk::String valueToStrep({{E}} v) { return {{E}}Description.valueToStrep(uint32_t(v)); }
 
-bool veskIsValue({{E}} v) {
-  switch (uint32_t(v)) {
-{{CASES}}      return true;
-  }
-  return false;
-}
 
 bool sequenceToValue(char const* begin, char const* end, {{E}}& out) {
   uint32_t v = 0;
